@@ -1,0 +1,41 @@
+#include <cstdio>
+
+#include "ControlColours.h"
+#include "zubimport/Import.h"
+
+using namespace zub;
+
+void ImportDllGlobalSetColors(unsigned long colour1, int flag1, unsigned long colour2, int flag2)
+{
+    ModuleState& state = TheModuleState();
+    state.colours.colour1 = colour1;
+    state.colours.colour2 = colour2;
+    controls::SetFamilyColours(controls::ListFamily(), state.colours, flag1);
+    controls::SetFamilyColours(controls::EditFamily(), state.colours, flag1);
+    controls::SetFamilyColours(controls::ButtonFamily(), state.colours, flag1);
+    if (flag2) {
+        const OsVersion v = CurrentOsVersion();
+        if ((v.major == 5 && v.minor != 0) || v.major >= 6) controls::ListFamily().themedColour = colour2;
+    }
+}
+
+ModuleState* ImportDllGetStaticModuleState()
+{
+    return &TheModuleState();
+}
+
+// The two dialogs come with the image sequence and batch import; until they exist the entry
+// points refuse loudly instead of pretending to have run.
+int StartBatchImpDlg(CBatchImpPrefsInfo* prefs)
+{
+    (void)prefs;
+    std::fprintf(stderr, "libImport: StartBatchImpDlg: the batch import is not built yet\n");
+    return 0;
+}
+
+int StartImgSeqDlg(CImgSeqPrefsInfo* prefs)
+{
+    (void)prefs;
+    std::fprintf(stderr, "libImport: StartImgSeqDlg: the image sequence import is not built yet\n");
+    return 0;
+}
