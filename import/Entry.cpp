@@ -1,9 +1,21 @@
 #include <cstdio>
 
 #include "ControlColours.h"
+#include "MessageBoxPrompt.h"
 #include "zubimport/Import.h"
 
 using namespace zub;
+
+namespace {
+
+// Loading the module offers the message-box prompter; it answers only while a widgets
+// application runs, so a terminal host still gets text on standard error.
+const bool g_guiPromptRegistered = [] {
+    RegisterGuiPromptFactory(&controls::MakeMessageBoxPromptIfGui);
+    return true;
+}();
+
+}  // namespace
 
 void ImportDllGlobalSetColors(unsigned long colour1, int flag1, unsigned long colour2, int flag2)
 {
