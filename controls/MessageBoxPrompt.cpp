@@ -5,6 +5,8 @@
 #include <QMetaObject>
 #include <QThread>
 
+#include <future>
+
 namespace zub::controls {
 
 namespace {
@@ -73,10 +75,14 @@ Answer MessageBoxPrompt::Ask(const PromptRequest& request)
     auto* app = QCoreApplication::instance();
     if (!app) return DefaultAnswer(request);
     if (QThread::currentThread() == app->thread()) return ShowBox(request);
-    Answer answer = DefaultAnswer(request);
+    // The hand-over goes through a promise rather than a blocking queued call: the request is
+    // copied, nothing is shared but the promise, and the ordering is visible to race checkers
+    // that cannot see inside Qt.
+    auto answer = std::make_shared<std::promise<Answer>>();
+    auto result = answer->get_future();
     QMetaObject::invokeMethod(
-        app, [&] { answer = ShowBox(request); }, Qt::BlockingQueuedConnection);
-    return answer;
+        app, [request, answer] { answer->set_value(ShowBox(request)); }, Qt::QueuedConnection);
+    return result.get();
 }
 
 std::shared_ptr<IPrompt> MakeMessageBoxPromptIfGui()
