@@ -1,0 +1,376 @@
+#include "ImageFitting.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <new>
+
+#include "ImagingLibrary.h"
+#include "zubimport/Paths.h"
+
+namespace zub {
+
+namespace {
+
+// Larger images are refused before any allocation (1 GiB of BGRA).
+constexpr std::int64_t kMaxSide = 32768;
+constexpr std::int64_t kMaxPixels = std::int64_t(1) << 28;
+constexpr std::uintmax_t kMaxFileBytes = std::uintmax_t(1) << 30;
+
+bool SaneSize(std::int64_t w, std::int64_t h)
+{
+    return w > 0 && h > 0 && w <= kMaxSide && h <= kMaxSide && w * h <= kMaxPixels;
+}
+
+bool Fail(std::string* error, std::string message)
+{
+    if (error) *error = std::move(message);
+    return false;
+}
+
+std::string SizeText(int w, int h)
+{
+    return std::to_string(w) + "x" + std::to_string(h);
+}
+
+// Multiply-divide rounded to the nearest integer (halves away from zero), 64-bit in between.
+std::int64_t MulDiv(std::int64_t a, std::int64_t b, std::int64_t c)
+{
+    const std::int64_t p = a * b;
+    return (p >= 0) == (c > 0) ? (p + c / 2) / c : (p - c / 2) / c;
+}
+
+bool NeedImage(const Image& image, std::string* error)
+{
+    return image.Empty() ? Fail(error, "no image is held") : true;
+}
+
+}  // namespace
+
+// ---- fit word --------------------------------------------------------------------------
+
+FitWordParts SplitFitWord(std::int32_t word)
+{
+    FitWordParts p;
+    p.mode = word & 0xFF;
+    p.area = (word / 256) % 16;
+    p.method = word / 4096;
+    return p;
+}
+
+std::int32_t MakeFitWord(int mode, int area, int method)
+{
+    return (mode & 0xFF) | ((area & 0xF) << 8) | (method << 12);
+}
+
+// ---- Image -----------------------------------------------------------------------------
+
+bool Image::Allocate(int width, int height, int bitsPerPixel)
+{
+    Release();
+    if (!SaneSize(width, height) || (bitsPerPixel != 24 && bitsPerPixel != 32)) return false;
+    // Rows of 24-bit images are padded to 4 bytes, as the bitmap form needs.
+    const int bytesPerRow = ((width * (bitsPerPixel / 8)) + 3) & ~3;
+    try {
+        data_.assign(static_cast<std::size_t>(bytesPerRow) * height, 0);
+        rows_.resize(static_cast<std::size_t>(height));
+    } catch (const std::bad_alloc&) {
+        Release();
+        return false;
+    }
+    for (int y = 0; y < height; ++y) rows_[static_cast<std::size_t>(y)] = data_.data() + std::size_t(y) * bytesPerRow;
+    width_ = width;
+    height_ = height;
+    bitsPerPixel_ = bitsPerPixel;
+    bytesPerRow_ = bytesPerRow;
+    return true;
+}
+
+void Image::Release()
+{
+    std::vector<std::uint8_t>().swap(data_);
+    std::vector<std::uint8_t*>().swap(rows_);
+    width_ = height_ = bitsPerPixel_ = bytesPerRow_ = 0;
+}
+
+// ---- FrameHolder -----------------------------------------------------------------------
+
+bool FrameHolder::Allocate(int width, int height)
+{
+    Release();
+    if (!SaneSize(width, height)) return false;
+    const std::size_t image = std::size_t(width) * 4 * std::size_t(height);
+    const std::size_t size = sizeof(BITMAPINFOHEADER) + image;
+    block_.reset(new (std::nothrow) std::uint8_t[size]);
+    if (!block_) return false;
+    size_ = size;
+    BITMAPINFOHEADER h{};
+    h.biSize = sizeof(BITMAPINFOHEADER);
+    h.biWidth = width;
+    h.biHeight = height;
+    h.biPlanes = 1;
+    h.biBitCount = 32;
+    h.biCompression = BI_RGB;
+    h.biSizeImage = static_cast<DWORD>(image);
+    std::memcpy(block_.get(), &h, sizeof h);
+    return true;
+}
+
+void FrameHolder::Release()
+{
+    block_.reset();
+    size_ = 0;
+}
+
+const BITMAPINFOHEADER* FrameHolder::Header() const
+{
+    return block_ ? reinterpret_cast<const BITMAPINFOHEADER*>(block_.get()) : nullptr;
+}
+
+// ---- reading ---------------------------------------------------------------------------
+
+bool IsReadableImageName(std::string_view path)
+{
+    static const char* const kExtensions[] = {".6RN", ".BMP", ".RGB", ".IFF", ".JPEG", ".JPE",
+                                              ".JPG", ".PIC", ".PIX", ".PSD", ".RLA", ".SGI",
+                                              ".SUN", ".TGA", ".TIFF", ".TIF", ".VPB", ".YUV"};
+    const std::string ext = ExtensionPart(path);
+    if (ext.empty()) return false;
+    for (const char* e : kExtensions)
+        if (EqualsNoCase(ext, e)) return true;
+    return false;
+}
+
+bool ReadImageFile(const std::string& path, Image& image, std::string* error)
+{
+    image.Release();
+    if (!IsReadableImageName(path))
+        return Fail(error, path + ": not a readable image type (extension '" + ExtensionPart(path) + "')");
+
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    if (!in) return Fail(error, path + ": cannot open: " + std::strerror(errno));
+    const std::streamoff length = in.tellg();
+    if (length < 0) return Fail(error, path + ": cannot tell its size");
+    if (static_cast<std::uintmax_t>(length) > kMaxFileBytes) return Fail(error, path + ": file too large");
+    std::vector<std::uint8_t> bytes;
+    try {
+        bytes.resize(static_cast<std::size_t>(length));
+    } catch (const std::bad_alloc&) {
+        return Fail(error, path + ": no memory to read the file");
+    }
+    in.seekg(0);
+    if (!in.read(reinterpret_cast<char*>(bytes.data()), length))
+        return Fail(error, path + ": short read");
+
+    std::string why;
+    const ZubImagingApi* api = ImagingLibrary(&why);
+    if (!api) return Fail(error, path + ": " + why);
+
+    struct Target {
+        Image* image;
+    } target{&image};
+    auto alloc = [](void* ctx, std::int32_t w, std::int32_t h) -> std::uint8_t* {
+        Image* img = static_cast<Target*>(ctx)->image;
+        return img->Allocate(w, h, 32) ? img->Data() : nullptr;
+    };
+    char message[1024] = {};
+    if (!api->decode(path.c_str(), bytes.data(), bytes.size(), alloc, &target, message, sizeof message)) {
+        image.Release();
+        return Fail(error, message[0] ? message : path + ": cannot decode");
+    }
+    if (image.Empty() || image.BitsPerPixel() != 32) {
+        image.Release();
+        return Fail(error, path + ": the decoder gave no 32-bit BGRA image");
+    }
+    return true;
+}
+
+// ---- field operations ------------------------------------------------------------------
+
+bool ShiftDownOneScanline(Image& image, std::string* error)
+{
+    if (!NeedImage(image, error)) return false;
+    const std::size_t n = static_cast<std::size_t>(image.BytesPerRow());
+    for (int r = image.Height() - 1; r >= 1; --r) std::memcpy(image.Row(r), image.Row(r - 1), n);
+    std::memset(image.Row(0), 0, n);
+    return true;
+}
+
+bool SwapFieldScanlines(Image& image, std::string* error)
+{
+    if (!NeedImage(image, error)) return false;
+    const std::size_t n = static_cast<std::size_t>(image.BytesPerRow());
+    std::vector<std::uint8_t> scratch(n);
+    const int even = image.Height() & ~1;  // an odd last row has no partner and stays
+    for (int r = 0; r < even; r += 2) {
+        std::memcpy(scratch.data(), image.Row(r), n);
+        std::memcpy(image.Row(r), image.Row(r + 1), n);
+        std::memcpy(image.Row(r + 1), scratch.data(), n);
+    }
+    return true;
+}
+
+// ---- geometry --------------------------------------------------------------------------
+
+bool ConvertTo32Bits(Image& image, std::string* error)
+{
+    if (!NeedImage(image, error)) return false;
+    if (image.BitsPerPixel() == 32) return true;
+    Image out;
+    if (!out.Allocate(image.Width(), image.Height(), 32)) return Fail(error, "no memory for a 32-bit image");
+    for (int y = 0; y < image.Height(); ++y) {
+        const std::uint8_t* s = image.Row(y);
+        std::uint8_t* d = out.Row(y);
+        for (int x = 0; x < image.Width(); ++x, s += 3, d += 4) {
+            d[0] = s[0];
+            d[1] = s[1];
+            d[2] = s[2];
+            d[3] = 255;  // a picture without alpha is opaque
+        }
+    }
+    image = std::move(out);
+    return true;
+}
+
+bool CropImage(Image& image, int left, int top, int width, int height, std::string* error)
+{
+    if (!NeedImage(image, error)) return false;
+    if (!ConvertTo32Bits(image, error)) return false;
+    Image out;
+    if (!out.Allocate(width, height, 32)) return Fail(error, "cannot make a " + SizeText(width, height) + " canvas");
+    // Overlap of the source with the rectangle, in source coordinates; the rest stays zero.
+    const std::int64_t x0 = std::max<std::int64_t>(left, 0);
+    const std::int64_t y0 = std::max<std::int64_t>(top, 0);
+    const std::int64_t x1 = std::min<std::int64_t>(std::int64_t(left) + width, image.Width());
+    const std::int64_t y1 = std::min<std::int64_t>(std::int64_t(top) + height, image.Height());
+    if (x1 > x0 && y1 > y0) {
+        const std::size_t bytes = static_cast<std::size_t>(x1 - x0) * 4;
+        for (std::int64_t y = y0; y < y1; ++y) {
+            std::memcpy(out.Row(static_cast<int>(y - top)) + (x0 - left) * 4, image.Row(static_cast<int>(y)) + x0 * 4,
+                        bytes);
+        }
+    }
+    image = std::move(out);
+    return true;
+}
+
+bool ResizeImage(Image& image, int width, int height, int method, std::string* error)
+{
+    if (!NeedImage(image, error)) return false;
+    if (method < kResizeNearest || method > kResizeBiCubic)
+        return Fail(error, "unknown resize method " + std::to_string(method));
+    if (!SaneSize(width, height)) return Fail(error, "cannot resize to " + SizeText(width, height));
+    if (!ConvertTo32Bits(image, error)) return false;
+    std::string why;
+    const ZubImagingApi* api = ImagingLibrary(&why);
+    if (!api) return Fail(error, why);
+    Image out;
+    if (!out.Allocate(width, height, 32)) return Fail(error, "no memory for a " + SizeText(width, height) + " image");
+    char message[512] = {};
+    if (!api->resize(image.Data(), image.Width(), image.Height(), image.BytesPerRow(), out.Data(), width, height,
+                     out.BytesPerRow(), method + 1, message, sizeof message))
+        return Fail(error, message[0] ? message : "resize failed");
+    image = std::move(out);
+    return true;
+}
+
+bool FitImage(Image& image, std::int32_t fitWord, FrameSize frame, std::string* error)
+{
+    if (!NeedImage(image, error)) return false;
+    const FitWordParts fit = SplitFitWord(fitWord);
+    const int W = frame.width, H = frame.height;
+    if (!SaneSize(W, H)) return Fail(error, "bad frame size " + SizeText(W, H));
+
+    int mx = 0, my = 0;
+    switch (fit.area) {
+    case kAreaNormal: break;
+    case kAreaSafeTitle:
+        mx = (W * 10 + 50) / 100;
+        my = (H * 10 + 50) / 100;
+        break;
+    case kAreaSafeImage:
+        mx = (W * 5 + 50) / 100;
+        my = (H * 5 + 50) / 100;
+        break;
+    default: return Fail(error, "unknown fit area " + std::to_string(fit.area));
+    }
+    const int Tw = W - 2 * mx, Th = H - 2 * my;
+    const int w = image.Width(), h = image.Height();
+
+    // A scaled side never drops to nothing: a very flat image keeps one row.
+    auto scaled = [](std::int64_t a, std::int64_t b, std::int64_t c) {
+        return static_cast<int>(std::clamp<std::int64_t>(a * b / c, 1, kMaxSide));
+    };
+    auto resize = [&](int nw, int nh) {
+        if (fit.method < kResizeNearest || fit.method > kResizeBiCubic)
+            return Fail(error, "unknown resize method " + std::to_string(fit.method));
+        if (nw == image.Width() && nh == image.Height()) return true;
+        return ResizeImage(image, nw, nh, fit.method, error);
+    };
+    auto crop = [&](int left, int top) { return CropImage(image, left, top, Tw, Th, error); };
+
+    if (w != Tw || h != Th) {
+        int mode = fit.mode;
+        if (mode == kFitAll) mode = MulDiv(w, Th, h) > Tw ? kFitWidth : kFitHeight;
+        bool ok = true;
+        switch (mode) {
+        case kFitCenter: ok = crop((w - Tw) / 2, (h - Th) / 2); break;
+        case kFitUpperLeft: ok = crop(0, 0); break;
+        case kFitUpperRight: ok = crop(w - Tw, 0); break;
+        case kFitLowerLeft: ok = crop(0, h - Th); break;
+        case kFitLowerRight: ok = crop(w - Tw, h - Th); break;
+        case kFitStretchAll: ok = resize(Tw, Th); break;
+        case kFitHeight: {
+            const int nw = scaled(w, Th, h);
+            ok = resize(nw, Th) && (nw == Tw || crop((nw - Tw) / 2, 0));
+            break;
+        }
+        case kFitWidth: {
+            const int nh = scaled(h, Tw, w);
+            ok = resize(Tw, nh) && (nh == Th || crop(0, (nh - Th) / 2));
+            break;
+        }
+        case kFitStretchHeight: ok = resize(w, Th) && (w == Tw || crop((w - Tw) / 2, 0)); break;
+        case kFitStretchWidth: ok = resize(Tw, h) && (h == Th || crop(0, (h - Th) / 2)); break;
+        default: return Fail(error, "unknown fit mode " + std::to_string(fit.mode));
+        }
+        if (!ok) return false;
+    }
+    // The safe area sits in the middle of a frame-sized canvas with an empty border.
+    if (mx != 0 || my != 0) return CropImage(image, -mx, -my, W, H, error);
+    return true;
+}
+
+bool PrepareImage(Image& image, std::int32_t fitWord, bool swap, bool shift, FrameSize frame, std::string* error)
+{
+    if (!NeedImage(image, error)) return false;
+    if (shift && !ShiftDownOneScanline(image, error)) return false;
+    if (swap && !SwapFieldScanlines(image, error)) return false;
+    if (!FitImage(image, fitWord, frame, error)) return false;
+    return ConvertTo32Bits(image, error);
+}
+
+bool PackFrame(const Image& image, FrameHolder& frame, std::string* error)
+{
+    if (!NeedImage(image, error)) return false;
+    if (image.BitsPerPixel() != 32) return Fail(error, "only 32-bit images can be packed");
+    if (!frame.Allocate(image.Width(), image.Height()))
+        return Fail(error, "no memory for a " + SizeText(image.Width(), image.Height()) + " frame");
+    const std::size_t n = static_cast<std::size_t>(image.Width()) * 4;
+    std::uint8_t* out = frame.Pixels();
+    for (int y = image.Height() - 1; y >= 0; --y, out += n) std::memcpy(out, image.Row(y), n);
+    return true;
+}
+
+bool LoadFrame(const std::string& path, std::int32_t fitWord, bool swap, bool shift, FrameSize frameSize,
+               FrameHolder& frame, std::string* error)
+{
+    Image image;
+    if (!ReadImageFile(path, image, error)) return false;
+    std::string why;
+    if (!PrepareImage(image, fitWord, swap, shift, frameSize, &why) || !PackFrame(image, frame, &why))
+        return Fail(error, path + ": " + why);
+    return true;
+}
+
+}  // namespace zub

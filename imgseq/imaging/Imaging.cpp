@@ -1,0 +1,336 @@
+// libImportImaging.so: decodes stills to 32-bit BGRA and resizes them. OpenImageIO reads the
+// formats it knows; FFmpeg's image decoders read Sun raster and Alias PIX; raw 4:2:2 frames
+// are read here. Everything behind the C interface of ImagingApi.h.
+#include "ImagingApi.h"
+
+#include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/imageio.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/error.h>
+#include <libavutil/frame.h>
+#include <libavutil/pixdesc.h>
+#include <libswscale/swscale.h>
+}
+
+#include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Bounds on what a decoder may ask for: a header must not make us allocate gigabytes.
+constexpr std::int64_t kMaxSide = 32768;
+constexpr std::int64_t kMaxPixels = std::int64_t(1) << 28;
+
+struct Failure {
+    std::string message;
+};
+
+[[noreturn]] void Fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+[[noreturn]] void Fail(const char* fmt, ...)
+{
+    char buf[1024];
+    va_list ap;
+    va_start(ap, fmt);
+    std::vsnprintf(buf, sizeof buf, fmt, ap);
+    va_end(ap);
+    throw Failure{buf};
+}
+
+void CopyMessage(const std::string& msg, char* error, std::size_t size)
+{
+    if (!error || size == 0) return;
+    std::snprintf(error, size, "%s", msg.c_str());
+}
+
+std::string AvError(int code)
+{
+    char buf[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, buf, sizeof buf);
+    return buf;
+}
+
+void CheckSize(const char* path, std::int64_t w, std::int64_t h)
+{
+    if (w <= 0 || h <= 0 || w > kMaxSide || h > kMaxSide || w * h > kMaxPixels)
+        Fail("%s: image size %lldx%lld is out of range", path, static_cast<long long>(w), static_cast<long long>(h));
+}
+
+uint8_t* Allocate(const char* path, ZubImagingAllocFn alloc, void* context, int w, int h)
+{
+    uint8_t* out = alloc(context, w, h);
+    if (!out) Fail("%s: no memory for a %dx%d image", path, w, h);
+    return out;
+}
+
+struct SwsFree {
+    void operator()(SwsContext* c) const { sws_freeContext(c); }
+};
+using SwsPtr = std::unique_ptr<SwsContext, SwsFree>;
+struct CodecContextFree {
+    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
+};
+struct FrameFree {
+    void operator()(AVFrame* f) const { av_frame_free(&f); }
+};
+struct PacketFree {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+
+// One pass of libswscale from any pixel format into BGRA at the same size.
+void ConvertToBgra(const char* path, const uint8_t* const planes[4], const int strides[4], AVPixelFormat format, int w,
+                   int h, uint8_t* dst)
+{
+    // Full chroma interpolation and accurate rounding: 4:2:2 sources keep their detail.
+    SwsPtr sws(sws_getContext(w, h, format, w, h, AV_PIX_FMT_BGRA,
+                              SWS_BICUBIC | SWS_FULL_CHR_H_INT | SWS_ACCURATE_RND, nullptr, nullptr, nullptr));
+    if (!sws) Fail("%s: cannot convert pixel format %s to BGRA", path, av_get_pix_fmt_name(format));
+    uint8_t* dstPlanes[4] = {dst, nullptr, nullptr, nullptr};
+    const int dstStrides[4] = {w * 4, 0, 0, 0};
+    if (sws_scale(sws.get(), planes, strides, 0, h, dstPlanes, dstStrides) != h)
+        Fail("%s: pixel conversion to BGRA failed", path);
+}
+
+// ---- OpenImageIO ---------------------------------------------------------------------
+
+void DecodeWithOiio(const char* path, const char* format, const uint8_t* data, std::size_t size,
+                    ZubImagingAllocFn alloc, void* context)
+{
+    auto in = OIIO::ImageInput::create(format);
+    if (!in) Fail("%s: no %s reader: %s", path, format, OIIO::geterror().c_str());
+
+    // Pixels as the file holds them: colour not multiplied by alpha, since the alpha clip
+    // is made from the alpha channel separately.
+    OIIO::ImageSpec config;
+    config.attribute("oiio:UnassociatedAlpha", 1);
+    OIIO::Filesystem::IOMemReader memory(data, size);
+    if (in->supports("ioproxy")) in->set_ioproxy(&memory);
+
+    OIIO::ImageSpec spec;
+    if (!in->open(path, spec, config)) Fail("%s: %s", path, in->geterror().c_str());
+    CheckSize(path, spec.width, spec.height);
+    const int nch = spec.nchannels;
+    if (nch < 1 || nch > 64) Fail("%s: %d channels cannot be shown", path, nch);
+
+    const std::size_t pixels = static_cast<std::size_t>(spec.width) * spec.height;
+    std::vector<uint8_t> raw(pixels * nch);
+    if (!in->read_image(0, 0, 0, nch, OIIO::TypeDesc::UINT8, raw.data()))
+        Fail("%s: %s", path, in->geterror().c_str());
+    in->close();
+
+    int alpha = spec.alpha_channel;
+    if (alpha < 0 || alpha >= nch) alpha = (nch == 2 || nch == 4) ? nch - 1 : -1;
+    uint8_t* out = Allocate(path, alloc, context, spec.width, spec.height);
+    const uint8_t* s = raw.data();
+    for (std::size_t i = 0; i < pixels; ++i, s += nch, out += 4) {
+        if (nch >= 3) {
+            out[0] = s[2];
+            out[1] = s[1];
+            out[2] = s[0];
+        } else {
+            out[0] = out[1] = out[2] = s[0];
+        }
+        out[3] = alpha >= 0 ? s[alpha] : 255;
+    }
+}
+
+// ---- FFmpeg image decoders ------------------------------------------------------------
+
+void DecodeWithFfmpeg(const char* path, AVCodecID id, const uint8_t* data, std::size_t size,
+                      ZubImagingAllocFn alloc, void* context)
+{
+    const AVCodec* codec = avcodec_find_decoder(id);
+    if (!codec) Fail("%s: this FFmpeg has no %s decoder", path, avcodec_get_name(id));
+    std::unique_ptr<AVCodecContext, CodecContextFree> ctx(avcodec_alloc_context3(codec));
+    if (!ctx) Fail("%s: out of memory", path);
+    ctx->thread_count = 1;
+    if (int rc = avcodec_open2(ctx.get(), codec, nullptr); rc < 0)
+        Fail("%s: cannot open the %s decoder: %s", path, codec->name, AvError(rc).c_str());
+
+    if (size > static_cast<std::size_t>(INT32_MAX) - AV_INPUT_BUFFER_PADDING_SIZE) Fail("%s: file too large", path);
+    std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+    if (!packet || av_new_packet(packet.get(), static_cast<int>(size)) < 0) Fail("%s: out of memory", path);
+    std::memcpy(packet->data, data, size);
+
+    std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());
+    if (!frame) Fail("%s: out of memory", path);
+    int rc = avcodec_send_packet(ctx.get(), packet.get());
+    if (rc >= 0) {
+        avcodec_send_packet(ctx.get(), nullptr);  // drain: one packet is the whole image
+        rc = avcodec_receive_frame(ctx.get(), frame.get());
+    }
+    if (rc < 0) Fail("%s: not a readable %s image: %s", path, codec->long_name, AvError(rc).c_str());
+    CheckSize(path, frame->width, frame->height);
+
+    uint8_t* out = Allocate(path, alloc, context, frame->width, frame->height);
+    ConvertToBgra(path, frame->data, frame->linesize, static_cast<AVPixelFormat>(frame->format), frame->width,
+                  frame->height, out);
+}
+
+// ---- raw 4:2:2 --------------------------------------------------------------------------
+
+// A raw .yuv file is one frame of 8-bit Cb Y Cr Y (UYVY), BT.601 studio range, top row
+// first, with no header: the size of the file alone says which frame it is.
+void DecodeRawYuv(const char* path, const uint8_t* data, std::size_t size, ZubImagingAllocFn alloc, void* context)
+{
+    static const struct {
+        int w, h;
+    } kSizes[] = {{720, 486}, {720, 487}, {720, 480}, {720, 576}, {720, 608}, {1280, 720}, {1920, 1080}};
+    for (const auto& s : kSizes) {
+        if (size != static_cast<std::size_t>(s.w) * s.h * 2) continue;
+        uint8_t* out = Allocate(path, alloc, context, s.w, s.h);
+        const uint8_t* planes[4] = {data, nullptr, nullptr, nullptr};
+        const int strides[4] = {s.w * 2, 0, 0, 0};
+        ConvertToBgra(path, planes, strides, AV_PIX_FMT_UYVY422, s.w, s.h, out);
+        return;
+    }
+    Fail("%s: a raw 4:2:2 frame of %zu bytes matches no known frame size", path, size);
+}
+
+// ---- dispatch --------------------------------------------------------------------------
+
+std::string LowerExtension(const char* path)
+{
+    const std::string p = path;
+    const auto sep = p.find_last_of("/\\");
+    const auto dot = p.rfind('.');
+    if (dot == std::string::npos || (sep != std::string::npos && dot < sep)) return {};
+    std::string ext = p.substr(dot + 1);
+    std::transform(ext.begin(), ext.end(), ext.begin(), [](unsigned char c) { return std::tolower(c); });
+    return ext;
+}
+
+void Decode(const char* path, const uint8_t* data, std::size_t size, ZubImagingAllocFn alloc, void* context)
+{
+    static const struct {
+        const char* ext;
+        const char* oiio;
+    } kOiio[] = {{"bmp", "bmp"},   {"rgb", "sgi"},  {"sgi", "sgi"},       {"iff", "iff"},
+                 {"jpeg", "jpeg"}, {"jpe", "jpeg"}, {"jpg", "jpeg"},      {"pic", "softimage"},
+                 {"psd", "psd"},   {"rla", "rla"},  {"tga", "targa"},     {"tif", "tiff"},
+                 {"tiff", "tiff"}};
+    const std::string ext = LowerExtension(path);
+    for (const auto& e : kOiio)
+        if (ext == e.ext) return DecodeWithOiio(path, e.oiio, data, size, alloc, context);
+    if (ext == "sun") return DecodeWithFfmpeg(path, AV_CODEC_ID_SUNRAST, data, size, alloc, context);
+    if (ext == "pix") return DecodeWithFfmpeg(path, AV_CODEC_ID_ALIAS_PIX, data, size, alloc, context);
+    if (ext == "yuv") return DecodeRawYuv(path, data, size, alloc, context);
+    if (ext == "6rn" || ext == "vpb")
+        Fail("%s: no reader for .%s images: the layout of this format is not publicly described", path,
+             ext.c_str());
+    Fail("%s: no reader for the extension '.%s'", path, ext.c_str());
+}
+
+void Resize(const uint8_t* src, int sw, int sh, int sstride, uint8_t* dst, int dw, int dh, int dstride, int filter)
+{
+    int flags = 0;
+    switch (filter) {
+    case ZUB_IMAGING_FILTER_NEAREST: flags = SWS_POINT; break;
+    case ZUB_IMAGING_FILTER_BILINEAR: flags = SWS_BILINEAR; break;
+    case ZUB_IMAGING_FILTER_BICUBIC: flags = SWS_BICUBIC; break;
+    default: Fail("resize: unknown filter %d", filter);
+    }
+    if (sw <= 0 || sh <= 0 || dw <= 0 || dh <= 0 || sstride < sw * 4 || dstride < dw * 4)
+        Fail("resize: bad geometry %dx%d -> %dx%d", sw, sh, dw, dh);
+    // libswscale scales packed RGB by way of YUV, which shifts colours even where nothing is
+    // resized; each channel scaled as a plane of its own stays exact. A scaler per thread,
+    // rebuilt only when the geometry or filter changes: a sequence asks for the same resize
+    // frame after frame.
+    thread_local SwsPtr cached;
+    SwsContext* ctx = sws_getCachedContext(cached.release(), sw, sh, AV_PIX_FMT_GRAY8, dw, dh, AV_PIX_FMT_GRAY8,
+                                           flags | SWS_ACCURATE_RND, nullptr, nullptr, nullptr);
+    cached.reset(ctx);
+    if (!ctx) Fail("resize: libswscale refused %dx%d -> %dx%d", sw, sh, dw, dh);
+
+    const std::size_t srcPlane = static_cast<std::size_t>(sw) * sh, dstPlane = static_cast<std::size_t>(dw) * dh;
+    std::vector<uint8_t> in(srcPlane * 4), out(dstPlane * 4);
+    for (int y = 0; y < sh; ++y) {
+        const uint8_t* s = src + static_cast<std::size_t>(y) * sstride;
+        const std::size_t row = static_cast<std::size_t>(y) * sw;
+        uint8_t* p0 = in.data() + row;
+        uint8_t* p1 = p0 + srcPlane;
+        uint8_t* p2 = p1 + srcPlane;
+        uint8_t* p3 = p2 + srcPlane;
+        for (int x = 0; x < sw; ++x, s += 4) {
+            p0[x] = s[0];
+            p1[x] = s[1];
+            p2[x] = s[2];
+            p3[x] = s[3];
+        }
+    }
+    for (int c = 0; c < 4; ++c) {
+        const uint8_t* srcPlanes[4] = {in.data() + c * srcPlane, nullptr, nullptr, nullptr};
+        const int srcStrides[4] = {sw, 0, 0, 0};
+        uint8_t* dstPlanes[4] = {out.data() + c * dstPlane, nullptr, nullptr, nullptr};
+        const int dstStrides[4] = {dw, 0, 0, 0};
+        if (sws_scale(ctx, srcPlanes, srcStrides, 0, sh, dstPlanes, dstStrides) != dh)
+            Fail("resize: libswscale failed %dx%d -> %dx%d", sw, sh, dw, dh);
+    }
+    for (int y = 0; y < dh; ++y) {
+        uint8_t* d = dst + static_cast<std::size_t>(y) * dstride;
+        const std::size_t row = static_cast<std::size_t>(y) * dw;
+        const uint8_t* p0 = out.data() + row;
+        const uint8_t* p1 = p0 + dstPlane;
+        const uint8_t* p2 = p1 + dstPlane;
+        const uint8_t* p3 = p2 + dstPlane;
+        for (int x = 0; x < dw; ++x, d += 4) {
+            d[0] = p0[x];
+            d[1] = p1[x];
+            d[2] = p2[x];
+            d[3] = p3[x];
+        }
+    }
+}
+
+int DecodeEntry(const char* path, const uint8_t* data, size_t size, ZubImagingAllocFn alloc, void* context,
+                char* error, size_t errorSize)
+{
+    try {
+        if (!path || !alloc || (!data && size)) Fail("decode: missing argument");
+        Decode(path, data, size, alloc, context);
+        return 1;
+    } catch (const Failure& f) {
+        CopyMessage(f.message, error, errorSize);
+    } catch (const std::bad_alloc&) {
+        CopyMessage(std::string(path ? path : "") + ": out of memory", error, errorSize);
+    } catch (const std::exception& e) {
+        CopyMessage(std::string(path ? path : "") + ": " + e.what(), error, errorSize);
+    } catch (...) {
+        CopyMessage(std::string(path ? path : "") + ": decoder failed", error, errorSize);
+    }
+    return 0;
+}
+
+int ResizeEntry(const uint8_t* src, int32_t sw, int32_t sh, int32_t sstride, uint8_t* dst, int32_t dw, int32_t dh,
+                int32_t dstride, int32_t filter, char* error, size_t errorSize)
+{
+    try {
+        if (!src || !dst) Fail("resize: missing buffer");
+        Resize(src, sw, sh, sstride, dst, dw, dh, dstride, filter);
+        return 1;
+    } catch (const Failure& f) {
+        CopyMessage(f.message, error, errorSize);
+    } catch (const std::exception& e) {
+        CopyMessage(std::string("resize: ") + e.what(), error, errorSize);
+    } catch (...) {
+        CopyMessage("resize: failed", error, errorSize);
+    }
+    return 0;
+}
+
+const ZubImagingApi kApi = {ZUB_IMAGING_API_VERSION, DecodeEntry, ResizeEntry};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) const ZubImagingApi* ZubImagingGetApi(void)
+{
+    return &kApi;
+}
