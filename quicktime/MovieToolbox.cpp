@@ -429,9 +429,9 @@ bool IsPcm(AVCodecID id)
     return d && d->name && std::strncmp(d->name, "pcm_", 4) == 0;
 }
 
-OSType FormatOfCodec(const AVCodecParameters* p)
+OSType FormatOfCodec(const AVCodecParameters* p, bool fromMovie)
 {
-    if (p->codec_tag) {
+    if (fromMovie && p->codec_tag) {
         // libavformat keeps the sample description's type as read, first character lowest.
         const std::uint32_t t = p->codec_tag;
         return (OSType(t & 0xFF) << 24) | (OSType((t >> 8) & 0xFF) << 16) | (OSType((t >> 16) & 0xFF) << 8) |
@@ -469,7 +469,7 @@ OSErr Media::SampleDescription(int index, SoundDescription* desc, std::string* w
         SetWhy(why, movie_->Path() + ": sound track has " + std::to_string(p->ch_layout.nb_channels) + " channels");
         return badFormat;
     }
-    desc->dataFormat = FormatOfCodec(p);
+    desc->dataFormat = FormatOfCodec(p, IsMovDemuxer(movie_->Format()->iformat));
     desc->numChannels = static_cast<std::int16_t>(p->ch_layout.nb_channels);
     const int bits = av_get_bits_per_sample(p->codec_id);
     if (IsPcm(p->codec_id)) {
