@@ -1,0 +1,117 @@
+// Audio conversion of a finished 16-bit PCM WAVE file to the target format of the audio
+// settings: lower sample rate, 8 or 16 bits, mono or stereo. This is the engine behind the
+// conversion dialog's ConvertAudioFile and its helpers; it needs no dialog, only a prompt.
+//
+// The conversion streams: source samples are staged and resampled block by block and each
+// converted block is written out at once, so memory stays bounded on any file length. The
+// bytes written are those of one pass over the whole file (tests hold it to that).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "PolyphaseResampler.h"
+
+namespace zub {
+
+class IPrompt;
+struct ImportSettings;
+
+namespace audio {
+
+// ConvertAudioFile's result when writing the target failed after it was opened. It is
+// non-zero on purpose: the engine goes on to copy whatever was written over the audio file.
+inline constexpr int kTargetWriteFailed = static_cast<int>(0xE0040200u);
+
+// Default output frames per block: about 256 KiB of intermediate 16-bit stereo.
+inline constexpr std::size_t kDefaultBlockFrames = 65536;
+
+struct AudioTarget {
+    long rate = 48000;
+    int bits = 16;
+    int stereo = 1;
+};
+
+// The audio settings page's list positions as a target format: rate index 0..4 = 48000,
+// 44100, 32000, 22050, 11025 (anything else 48000); channels 0 = stereo, else mono; sample
+// size 1 = 8 bits, else 16.
+long RateForIndex(int index);
+AudioTarget TargetFromSettings(const ImportSettings& settings);
+
+// One 16-bit sample as an unsigned 8-bit one: rounds half up except at the very top, where
+// adding the rounding bias would overflow.
+inline unsigned char SampleTo8Bit(std::int16_t s)
+{
+    const int v = s < 32640 ? s + 128 : s;
+    return static_cast<unsigned char>((v >> 8) + 128);
+}
+
+// Width and channel conversion from 16-bit frames (two samples per frame for the stereo
+// variant, one for mono) to the target layout, little-endian, stopping after exactly
+// outBytes bytes. bits: 8 means 8 bits, anything else 16. stereo: non-zero for a
+// two-channel target. A stereo source going to mono keeps the left channel. Return outBytes.
+unsigned long ConvertStereoFrames(const std::int16_t* in, unsigned char* out, unsigned long outBytes, int bits,
+                                  int stereo);
+unsigned long ConvertMonoFrames(const std::int16_t* in, unsigned char* out, unsigned long outBytes, int bits,
+                                int stereo);
+
+class AudioConverter {
+public:
+    AudioConverter();
+    ~AudioConverter();
+    AudioConverter(const AudioConverter&) = delete;
+    AudioConverter& operator=(const AudioConverter&) = delete;
+
+    // Converts source into target (see ConvertAudioFile): 1 done, 0 nothing done or an error
+    // shown through prompt, kTargetWriteFailed when writing the target failed.
+    int Convert(const char* source, const char* target, const AudioTarget& to, IPrompt& prompt);
+
+    // Reads a WAVE file's format through the RIFF layer: 1 with rate, bits and stereo set
+    // for PCM, 1 or 2 channels, 1000 .. 384000 Hz, 8 or 16 bits; else 0 with the outputs
+    // untouched and the reason (naming the file) in *why when given.
+    static int ReadFormat(const std::string& file, long& rate, int& bits, int& stereo, std::string* why = nullptr);
+
+    // The dialog's helpers over this converter's state: width/channel conversion into the
+    // output buffer (grown to outBytes), and reading count bytes of the open source's audio
+    // from offset bytes after its 44-byte header (read errors leave the buffer as it was).
+    unsigned long ConvertStereo(const short* in, unsigned long outBytes, int bits, int stereo);
+    unsigned long ConvertMono(const short* in, unsigned long outBytes, int bits, int stereo);
+    int ReadSamples(long count, unsigned char* buffer, unsigned long offset);
+
+    // Output frames resampled per block; 0 converts the whole file as one block.
+    void SetBlockFrames(std::size_t frames) { blockFrames_ = frames; }
+
+    const std::vector<unsigned char>& Output() const { return output_; }
+    // Source bytes per output byte after the width and channel change (step 10's ratio).
+    double Ratio() const { return ratio_; }
+    const PolyphaseResampler& Resampler() const { return resampler_; }
+    // Bytes of audio the last conversion wrote after the header.
+    unsigned long OutBytes() const { return outBytes_; }
+    // Why the last conversion or read stopped, naming the file; empty after success.
+    const std::string& LastError() const { return error_; }
+
+private:
+    struct Fd;
+    int WriteFailed(const std::string& why);
+    bool ResampleBlock(std::int64_t first, std::size_t count, std::int64_t produced, std::int64_t frames,
+                       int channels, int bytesPerSample, std::vector<std::int16_t>& inter);
+
+    std::unique_ptr<Fd> source_;
+    std::unique_ptr<Fd> target_;
+    std::vector<unsigned char> output_;
+    std::vector<unsigned char> raw_;
+    std::vector<std::int16_t> stage_;
+    std::vector<std::int16_t> channelOut_;
+    double ratio_ = 1.0;
+    PolyphaseResampler resampler_;
+    std::size_t blockFrames_ = kDefaultBlockFrames;
+    unsigned long outBytes_ = 0;
+    std::string targetPath_;
+    std::string error_;
+};
+
+}  // namespace audio
+}  // namespace zub

@@ -1,0 +1,184 @@
+// The resampler's tables and kernels: the published rows, the generated constants against
+// their formula, the phase tables against exact rational arithmetic, and the mode rule.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <numeric>
+#include <vector>
+
+#include "PolyphaseResampler.h"
+#include "ResampleKernels.h"
+
+namespace zub::audio {
+namespace {
+
+struct TellingRow {
+    int taps;
+    int phase;
+    std::vector<std::int32_t> row;
+};
+
+const std::vector<TellingRow>& TellingRows()
+{
+    static const std::vector<TellingRow> rows = {
+        {4, 1, {-848, 32930, 861, -175}},
+        {4, 32, {-10124, 26508, 26508, -10124}},
+        {4, 63, {-78, 865, 32818, -837}},
+        {8, 1, {-128, 194, -526, 32792, 545, -200, 128, -37}},
+        {8, 32, {-1822, 3035, -6427, 21599, 21599, -6427, 3035, -1822}},
+        {8, 63, {-16, 129, -199, 544, 32767, -526, 195, -126}},
+        {16, 32, {-138, 305, -619, 1131, -1957, 3386, -6467, 20744, 20744, -6467, 3386, -1957, 1131, -619, 305, -138}},
+        {32, 32, {-1,   5,    -13,  29,   -58,   108,   -186, 305,  -479, 729,  -1085,
+                  1600, -2386, 3727, -6678, 20768, 20768, -6678, 3727, -2386, 1600, -1085,
+                  729,  -479, 305,  -186, 108,  -58,  29,   -13,  5,    -1}},
+    };
+    return rows;
+}
+
+// The smallest deviation an even kernel can reach on the 4- and 8-tap rows is half the gap
+// between the published phase-1 and phase-63 rows, which are not mirror images.
+const std::map<int, int> kAllowedDeviation = {{4, 56}, {8, 13}, {16, 0}, {32, 0}};
+
+TEST(ResampleKernels, TablesReproduceThePublishedRows)
+{
+    std::map<int, int> worst;
+    for (const auto& t : TellingRows()) {
+        const std::int32_t* row = KernelRow(t.taps, t.phase);
+        for (int j = 0; j < t.taps; ++j) {
+            const int dev = std::abs(row[j] - t.row[static_cast<std::size_t>(j)]);
+            worst[t.taps] = std::max(worst[t.taps], dev);
+            EXPECT_LE(dev, kAllowedDeviation.at(t.taps)) << t.taps << " taps, phase " << t.phase << ", tap " << j;
+        }
+    }
+    for (const auto& [taps, dev] : worst) std::printf("largest deviation, %d taps: %d\n", taps, dev);
+}
+
+TEST(ResampleKernels, GeneratedConstantsFollowTheFormulaAndKeepUnitGain)
+{
+    for (int taps : {4, 8, 16, 32}) {
+        for (int phase = 1; phase < kKernelPhases; ++phase) {
+            std::int32_t formula[32];
+            KernelFormulaRow(ShapeFor(taps), phase, formula);
+            const std::int32_t* table = KernelRow(taps, phase);
+            long sum = 0;
+            for (int j = 0; j < taps; ++j) {
+                ASSERT_EQ(table[j], formula[j]) << "regenerate with zubresample: " << taps << " taps, phase " << phase;
+                sum += table[j];
+            }
+            // Each tap is rounded on its own, so the row sum can miss 32768 by half a unit a tap.
+            EXPECT_LE(std::labs(sum - 32768), taps / 2) << taps << " taps, phase " << phase;
+        }
+        // An even kernel: phase 64 - k is phase k seen from the other side.
+        for (int phase = 1; phase < kKernelPhases; ++phase)
+            for (int j = 0; j < taps; ++j)
+                ASSERT_EQ(KernelRow(taps, phase)[j], KernelRow(taps, 64 - phase)[taps - 1 - j]) << taps << " " << phase;
+    }
+}
+
+TEST(PolyphaseResampler, TablesFor48000To44100)
+{
+    PolyphaseResampler r;
+    ASSERT_TRUE(r.Setup(48000, 44100));
+    EXPECT_EQ(r.L(), 160);
+    EXPECT_EQ(r.M(), 147);
+    EXPECT_EQ(r.Mode(), 4);
+    EXPECT_EQ(r.Taps(), 32);
+    ASSERT_EQ(r.Phases().size(), 147u);
+    // 147 is odd, so i * 64 * 160 / 147 never lies exactly halfway: exact rounding of the
+    // rational position must agree with the accumulated sum.
+    long stepSum = 0;
+    for (long i = 0; i < 147; ++i) {
+        const long num = i * 64 * 160;
+        const long position = (2 * num + 147) / (2 * 147);
+        EXPECT_EQ(r.Phases()[static_cast<std::size_t>(i)], position & 63) << i;
+        EXPECT_EQ(r.Offsets()[static_cast<std::size_t>(i)], position >> 6) << i;
+        stepSum += r.Steps()[static_cast<std::size_t>(i)];
+    }
+    EXPECT_EQ(stepSum, 160);
+    // The cycle closes: output 147 sits exactly on source sample 160.
+    std::int64_t pos;
+    int phase;
+    r.PositionOf(147, pos, phase);
+    EXPECT_EQ(pos, 160);
+    EXPECT_EQ(phase, 0);
+}
+
+TEST(PolyphaseResampler, ModeRuleAndRateKinds)
+{
+    PolyphaseResampler r;
+    ASSERT_TRUE(r.Setup(48000, 11025));
+    EXPECT_EQ(r.Mode(), 2);  // ratio about 4.35
+    EXPECT_EQ(r.Taps(), 8);
+    EXPECT_EQ(r.L(), 640);
+    EXPECT_EQ(r.M(), 147);
+
+    EXPECT_EQ(ResampleMode(1.5, 0), 4);
+    EXPECT_EQ(ResampleMode(2.0, 0), 3);
+    EXPECT_EQ(ResampleMode(3.99, 0), 3);
+    EXPECT_EQ(ResampleMode(4.0, 0), 2);
+    EXPECT_EQ(ResampleMode(8.0, 0), 1);
+    EXPECT_EQ(ResampleMode(12.0, 0), 0);
+    EXPECT_EQ(ResampleMode(0.5, 0), 4);  // 5, clamped
+    EXPECT_EQ(ResampleMode(1.5, 1), 2);
+    EXPECT_EQ(ResampleMode(20.0, 2), 0);
+    EXPECT_EQ(GreatestCommonDivisor(48000, 44100), 300);
+
+    ASSERT_TRUE(r.Setup(48000, 16000));
+    EXPECT_TRUE(r.WholeStep());
+    EXPECT_EQ(r.L(), 3);
+    EXPECT_TRUE(r.Phases().empty());
+    ASSERT_TRUE(r.Setup(44100, 44100));
+    EXPECT_TRUE(r.PassThrough());
+    EXPECT_FALSE(r.Setup(0, 44100));
+}
+
+// Runs a whole signal through the resampler as one block, staging it as the converter does.
+std::vector<std::int16_t> ResampleAll(const PolyphaseResampler& r, const std::vector<std::int16_t>& in)
+{
+    const std::int64_t n = r.OutputCount(static_cast<std::int64_t>(in.size()));
+    std::int64_t begin, end;
+    r.SourceSpan(0, static_cast<std::size_t>(n), begin, end);
+    std::vector<std::int16_t> staged(static_cast<std::size_t>(end - begin), 0);
+    for (std::int64_t i = std::max<std::int64_t>(begin, 0); i < std::min<std::int64_t>(end, static_cast<std::int64_t>(in.size())); ++i)
+        staged[static_cast<std::size_t>(i - begin)] = in[static_cast<std::size_t>(i)];
+    std::vector<std::int16_t> out(static_cast<std::size_t>(n));
+    r.Run(0, out.size(), staged.data(), begin, out.data());
+    return out;
+}
+
+TEST(PolyphaseResampler, CopiesForWholeStepsAndSaturatesFullScale)
+{
+    std::vector<std::int16_t> in(1000);
+    for (std::size_t i = 0; i < in.size(); ++i) in[i] = static_cast<std::int16_t>(i * 37 % 65536 - 32768);
+    PolyphaseResampler r;
+    ASSERT_TRUE(r.Setup(48000, 12000));
+    auto out = ResampleAll(r, in);
+    ASSERT_EQ(out.size(), 250u);
+    for (std::size_t i = 0; i < out.size(); ++i) ASSERT_EQ(out[i], in[4 * i]) << i;
+
+    // A full-scale square wave overshoots between its edges; the output clips instead of
+    // wrapping round to the other sign.
+    std::vector<std::int16_t> square(4800);
+    for (std::size_t i = 0; i < square.size(); ++i) square[i] = (i / 24) % 2 ? -32768 : 32767;
+    ASSERT_TRUE(r.Setup(48000, 44100));
+    out = ResampleAll(r, square);
+    int clippedHigh = 0, clippedLow = 0;
+    for (std::size_t i = 50; i + 50 < out.size(); ++i) {
+        const double t = static_cast<double>(i) * 48000.0 / 44100.0;
+        const bool high = (static_cast<long>(t) / 24) % 2 == 0;
+        const double intoHalf = std::fmod(t, 24.0);
+        if (intoHalf > 4 && intoHalf < 20) {  // away from the edges the sign must hold
+            ASSERT_EQ(out[i] > 0, high) << i;
+        }
+        clippedHigh += out[i] == 32767;
+        clippedLow += out[i] == -32768;
+    }
+    EXPECT_GT(clippedHigh, 0);
+    EXPECT_GT(clippedLow, 0);
+}
+
+}  // namespace
+}  // namespace zub::audio
