@@ -127,7 +127,9 @@ struct SoundConverterObject {
         const int inFrames = in ? in->nb_samples : 0;
         const int room = swr_get_out_samples(swr.get(), inFrames);
         if (room <= 0) return noErr;
-        std::vector<std::uint8_t> buf(static_cast<std::size_t>(room) * OutFrameBytes());
+        // Held in the fifo's own sample size (32 bits for 24-bit output), packed on the way out.
+        std::vector<std::uint8_t> buf(static_cast<std::size_t>(room) * av_get_bytes_per_sample(fifoFormat) *
+                                      static_cast<std::size_t>(outChannels));
         std::uint8_t* out[1] = {buf.data()};
         const int got = swr_convert(swr.get(), out, room, in ? const_cast<const std::uint8_t**>(in->extended_data) : nullptr,
                                     inFrames);

@@ -462,6 +462,26 @@ TEST(QuickTimeAudio, CompressedSoundDecodesToItsDurationAndTone)
     }
 }
 
+// The generator writes no 24-bit sound; ffmpeg makes this one movie.
+TEST(QuickTimeAudio, TwentyFourBitSoundIsConvertedToLittleEndianTwentyFourBits)
+{
+    test::TempDir dir;
+    const std::string path = dir / "in24.mov";
+    ASSERT_EQ(std::system(("ffmpeg -nostdin -v error -f lavfi -i sine=f=440:r=32000:d=1.5 -ac 2 -c:a pcm_s24be '" +
+                           path + "'").c_str()),
+              0);
+    const std::string wav = dir / "in24.wav";
+    CQuickTimeAudioSource audio;
+    ASSERT_TRUE(audio.Open(path.c_str())) << audio.LastError();
+    EXPECT_EQ(audio.SourceDescription().dataFormat, qt::MakeOSType("in24"));
+    EXPECT_FALSE(audio.PassingThrough());
+    ASSERT_TRUE(ConvertAll(audio, wav)) << audio.LastError();
+    EXPECT_EQ(SoxInfo(wav, "-b"), "24");
+    EXPECT_EQ(SoxInfo(wav, "-r"), "32000");
+    EXPECT_EQ(SoxInfo(wav, "-s"), "48000");
+    EXPECT_TRUE(SoxSamples(wav) == FfmpegSamples(path, "s24le"));
+}
+
 TEST(QuickTimeAudio, FinishIsSafeTwiceAndAnAbortLeavesAReadableWave)
 {
     test::TempDir dir;
