@@ -1,7 +1,5 @@
 #include "QuickTimeSource.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -347,39 +345,35 @@ bool CQuickTimeAudioSource::CreateWav(const char* path)
 {
     if (!path || !*path) return Fail(paramErr, "no WAVE file given");
     wavPath_ = path;
-    wav_.reset(std::fopen(path, "wb"));
-    if (!wav_) return Fail(fnfErr, wavPath_ + ": cannot create: " + std::strerror(errno));
-    std::setvbuf(wav_.get(), nullptr, _IOFBF, 1 << 16);
     dataBytes_ = 0;
     writeFailed_ = false;
+    auto file = std::make_unique<CMmioFile>(path, nullptr, MMIO_CREATE | MMIO_WRITE);
+    if (!file->IsOpen()) return Fail(fnfErr, file->GetError());
+    wavGuard_ = std::make_unique<CDeleteOnFail>(wavPath_);
+    wav_ = std::move(file);
 
     const std::uint32_t rate = WaveRateOf(header_.sampleRate);
     const auto channels = static_cast<std::uint16_t>(header_.numChannels);
     const auto blockAlign = static_cast<std::uint16_t>(channels * (header_.sampleSize / 8));
-    const std::uint16_t bits = channels ? static_cast<std::uint16_t>(blockAlign / channels * 8) : 0;
-    std::uint8_t head[44];
-    auto put32 = [&head](int at, std::uint32_t v) {
-        for (int i = 0; i < 4; ++i) head[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
-    };
-    auto put16 = [&head](int at, std::uint16_t v) {
-        head[at] = static_cast<std::uint8_t>(v);
-        head[at + 1] = static_cast<std::uint8_t>(v >> 8);
-    };
-    std::memcpy(head, "RIFF", 4);
-    put32(4, 0);  // sizes are filled in at close
-    std::memcpy(head + 8, "WAVEfmt ", 8);
-    put32(16, 16);
-    put16(20, WAVE_FORMAT_PCM);
-    put16(22, channels);
-    put32(24, rate);
-    put32(28, rate * blockAlign);
-    put16(32, blockAlign);
-    put16(34, bits);
-    std::memcpy(head + 36, "data", 4);
-    put32(40, 0);
-    if (std::fwrite(head, 1, sizeof head, wav_.get()) != sizeof head) {
+    WAVEFORMATEX fmt{};
+    fmt.wFormatTag = WAVE_FORMAT_PCM;
+    fmt.nChannels = channels;
+    fmt.nSamplesPerSec = rate;
+    fmt.nAvgBytesPerSec = rate * blockAlign;
+    fmt.nBlockAlign = blockAlign;
+    fmt.wBitsPerSample = channels ? static_cast<WORD>(blockAlign / channels * 8) : 0;
+
+    riffChunk_ = MMCKINFO{};
+    riffChunk_.fccType = MakeFourCC('W', 'A', 'V', 'E');
+    MMCKINFO fmtChunk{};
+    fmtChunk.ckid = MakeFourCC('f', 'm', 't', ' ');
+    dataChunk_ = MMCKINFO{};
+    dataChunk_.ckid = MakeFourCC('d', 'a', 't', 'a');
+    // The 16-byte PCM record: the format without its extra-size word.
+    if (!wav_->CreateChunk(riffChunk_, MMIO_CREATERIFF) || !wav_->CreateChunk(fmtChunk, 0) ||
+        wav_->Write(&fmt, 16) != 16 || !wav_->Ascend(fmtChunk) || !wav_->CreateChunk(dataChunk_, 0)) {
         writeFailed_ = true;
-        return Fail(ioErr, wavPath_ + ": cannot write: " + std::strerror(errno));
+        return Fail(ioErr, wav_->GetError());
     }
     return true;
 }
@@ -391,13 +385,13 @@ bool CQuickTimeAudioSource::WriteFrames(std::uint32_t frames)
         static_cast<std::uint64_t>(frames) * static_cast<std::uint64_t>(header_.numChannels) * (header_.sampleSize / 8);
     // A converter may report more than its buffer holds; only the buffer is ever written.
     const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(bytes, output_.size()));
-    if (dataBytes_ + n > 0xFFFFFFFFull - 36) {
+    if (dataBytes_ + n > 0xFFFFFFFFull - 64) {
         writeFailed_ = true;
         return Fail(ioErr, wavPath_ + ": the sound is too long for a WAVE file");
     }
-    if (n > 0 && std::fwrite(output_.data(), 1, n, wav_.get()) != n) {
+    if (n > 0 && wav_->Write(output_.data(), static_cast<long>(n)) != static_cast<long>(n)) {
         writeFailed_ = true;
-        return Fail(ioErr, wavPath_ + ": cannot write: " + std::strerror(errno));
+        return Fail(ioErr, wav_->GetError());
     }
     dataBytes_ += n;
     return true;
@@ -405,24 +399,16 @@ bool CQuickTimeAudioSource::WriteFrames(std::uint32_t frames)
 
 bool CQuickTimeAudioSource::CloseWav()
 {
-    bool ok = !writeFailed_;
-    std::FILE* f = wav_.get();
-    // The data chunk is padded to an even length, then both sizes are patched.
-    if (ok && (dataBytes_ & 1) && std::fputc(0, f) == EOF) ok = false;
-    const std::uint32_t dataSize = static_cast<std::uint32_t>(dataBytes_);
-    const std::uint32_t riffSize = static_cast<std::uint32_t>(36 + dataBytes_ + (dataBytes_ & 1));
-    auto patch = [f](long at, std::uint32_t v) {
-        const std::uint8_t b[4] = {static_cast<std::uint8_t>(v), static_cast<std::uint8_t>(v >> 8),
-                                   static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 24)};
-        return std::fseek(f, at, SEEK_SET) == 0 && std::fwrite(b, 1, 4, f) == 4;
-    };
-    if (ok && !(patch(4, riffSize) && patch(40, dataSize))) ok = false;
-    if (std::fclose(wav_.release()) != 0) ok = false;
-    if (!ok) {
-        // A WAVE that could not be completed is not left behind as if it were one.
-        if (error_.empty()) error_ = wavPath_ + ": cannot finish writing: " + std::strerror(errno);
-        ::unlink(wavPath_.c_str());
+    bool ok = !writeFailed_ && wav_->Ascend(dataChunk_) && wav_->Ascend(riffChunk_);
+    if (!ok && error_.empty()) error_ = wav_->GetError();
+    if (!wav_->Close()) {
+        if (ok) error_ = wav_->GetError();
+        ok = false;
     }
+    wav_.reset();
+    // A WAVE that could not be completed is not left behind as if it were one.
+    if (ok) wavGuard_->Release();
+    wavGuard_.reset();
     return ok;
 }
 

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "DeleteOnFail.h"
+#include "MmioFile.h"
 #include "MovieToolbox.h"
 #include "SoundConverter.h"
 #include "zubimport/Platform.h"
@@ -153,10 +155,6 @@ private:
     bool CloseWav();
     void ReleaseMovie();
 
-    struct FileCloser {
-        void operator()(std::FILE* f) const { std::fclose(f); }
-    };
-
     CQuickTimeSession session_;
     std::unique_ptr<qt::Movie> movie_;
     std::unique_ptr<qt::Media> media_;
@@ -169,8 +167,12 @@ private:
     SoundFillRecord fill_;
     qt::SoundDescription sourceDesc_;
 
-    // The WAVE file being written.
-    std::unique_ptr<std::FILE, FileCloser> wav_;
+    // The WAVE file being written, its open chunks, and the guard that removes it unless it
+    // was completed.
+    std::unique_ptr<CMmioFile> wav_;
+    MMCKINFO riffChunk_{};
+    MMCKINFO dataChunk_{};
+    std::unique_ptr<CDeleteOnFail> wavGuard_;
     std::string wavPath_;
     std::uint64_t dataBytes_ = 0;
     bool writeFailed_ = false;
