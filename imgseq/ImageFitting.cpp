@@ -65,20 +65,22 @@ std::int32_t MakeFitWord(int mode, int area, int method)
 
 // ---- Image -----------------------------------------------------------------------------
 
-bool Image::Allocate(int width, int height, int bitsPerPixel)
+bool Image::Allocate(int width, int height, int bitsPerPixel, bool zeroFill)
 {
     Release();
     if (!SaneSize(width, height) || (bitsPerPixel != 24 && bitsPerPixel != 32)) return false;
     // Rows of 24-bit images are padded to 4 bytes, as the bitmap form needs.
     const int bytesPerRow = ((width * (bitsPerPixel / 8)) + 3) & ~3;
+    const std::size_t bytes = static_cast<std::size_t>(bytesPerRow) * height;
     try {
-        data_.assign(static_cast<std::size_t>(bytesPerRow) * height, 0);
+        data_.reset(new std::uint8_t[bytes]);
         rows_.resize(static_cast<std::size_t>(height));
     } catch (const std::bad_alloc&) {
         Release();
         return false;
     }
-    for (int y = 0; y < height; ++y) rows_[static_cast<std::size_t>(y)] = data_.data() + std::size_t(y) * bytesPerRow;
+    if (zeroFill) std::memset(data_.get(), 0, bytes);
+    for (int y = 0; y < height; ++y) rows_[static_cast<std::size_t>(y)] = data_.get() + std::size_t(y) * bytesPerRow;
     width_ = width;
     height_ = height;
     bitsPerPixel_ = bitsPerPixel;
@@ -88,7 +90,7 @@ bool Image::Allocate(int width, int height, int bitsPerPixel)
 
 void Image::Release()
 {
-    std::vector<std::uint8_t>().swap(data_);
+    data_.reset();
     std::vector<std::uint8_t*>().swap(rows_);
     width_ = height_ = bitsPerPixel_ = bytesPerRow_ = 0;
 }
@@ -152,9 +154,11 @@ bool ReadImageFile(const std::string& path, Image& image, std::string* error)
     const std::streamoff length = in.tellg();
     if (length < 0) return Fail(error, path + ": cannot tell its size");
     if (static_cast<std::uintmax_t>(length) > kMaxFileBytes) return Fail(error, path + ": file too large");
-    std::vector<std::uint8_t> bytes;
+    // Kept between frames: a fresh multi-megabyte block per frame costs more in page faults
+    // than the decode itself.
+    thread_local std::vector<std::uint8_t> bytes;
     try {
-        bytes.resize(static_cast<std::size_t>(length));
+        if (bytes.size() < static_cast<std::size_t>(length)) bytes.resize(static_cast<std::size_t>(length));
     } catch (const std::bad_alloc&) {
         return Fail(error, path + ": no memory to read the file");
     }
@@ -171,10 +175,11 @@ bool ReadImageFile(const std::string& path, Image& image, std::string* error)
     } target{&image};
     auto alloc = [](void* ctx, std::int32_t w, std::int32_t h) -> std::uint8_t* {
         Image* img = static_cast<Target*>(ctx)->image;
-        return img->Allocate(w, h, 32) ? img->Data() : nullptr;
+        return img->Allocate(w, h, 32, false) ? img->Data() : nullptr;
     };
     char message[1024] = {};
-    if (!api->decode(path.c_str(), bytes.data(), bytes.size(), alloc, &target, message, sizeof message)) {
+    if (!api->decode(path.c_str(), bytes.data(), static_cast<std::size_t>(length), alloc, &target, message,
+                     sizeof message)) {
         image.Release();
         return Fail(error, message[0] ? message : path + ": cannot decode");
     }
@@ -217,7 +222,7 @@ bool ConvertTo32Bits(Image& image, std::string* error)
     if (!NeedImage(image, error)) return false;
     if (image.BitsPerPixel() == 32) return true;
     Image out;
-    if (!out.Allocate(image.Width(), image.Height(), 32)) return Fail(error, "no memory for a 32-bit image");
+    if (!out.Allocate(image.Width(), image.Height(), 32, false)) return Fail(error, "no memory for a 32-bit image");
     for (int y = 0; y < image.Height(); ++y) {
         const std::uint8_t* s = image.Row(y);
         std::uint8_t* d = out.Row(y);
@@ -265,7 +270,8 @@ bool ResizeImage(Image& image, int width, int height, int method, std::string* e
     const ZubImagingApi* api = ImagingLibrary(&why);
     if (!api) return Fail(error, why);
     Image out;
-    if (!out.Allocate(width, height, 32)) return Fail(error, "no memory for a " + SizeText(width, height) + " image");
+    if (!out.Allocate(width, height, 32, false))
+        return Fail(error, "no memory for a " + SizeText(width, height) + " image");
     char message[512] = {};
     if (!api->resize(image.Data(), image.Width(), image.Height(), image.BytesPerRow(), out.Data(), width, height,
                      out.BytesPerRow(), method + 1, message, sizeof message))

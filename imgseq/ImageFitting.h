@@ -63,11 +63,11 @@ public:
     Image(const Image&) = delete;
     Image& operator=(const Image&) = delete;
 
-    // Zero-filled width x height image; false (and empty) when the size is not sane or
-    // memory cannot be had.
-    bool Allocate(int width, int height, int bitsPerPixel);
+    // A width x height image, zero-filled unless the caller is about to overwrite every byte;
+    // false (and empty) when the size is not sane or memory cannot be had.
+    bool Allocate(int width, int height, int bitsPerPixel, bool zeroFill = true);
     void Release();
-    bool Empty() const { return data_.empty(); }
+    bool Empty() const { return !data_; }
 
     int Width() const { return width_; }
     int Height() const { return height_; }
@@ -75,15 +75,15 @@ public:
     int BytesPerRow() const { return bytesPerRow_; }
     std::uint8_t* Row(int y) { return rows_[static_cast<std::size_t>(y)]; }
     const std::uint8_t* Row(int y) const { return rows_[static_cast<std::size_t>(y)]; }
-    std::uint8_t* Data() { return data_.data(); }
-    const std::uint8_t* Data() const { return data_.data(); }
+    std::uint8_t* Data() { return data_.get(); }
+    const std::uint8_t* Data() const { return data_.get(); }
 
 private:
     int width_ = 0;
     int height_ = 0;
     int bitsPerPixel_ = 0;
     int bytesPerRow_ = 0;
-    std::vector<std::uint8_t> data_;
+    std::unique_ptr<std::uint8_t[]> data_;
     std::vector<std::uint8_t*> rows_;
 };
 

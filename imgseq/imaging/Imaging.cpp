@@ -121,7 +121,8 @@ void DecodeWithOiio(const char* path, const char* format, const uint8_t* data, s
     if (nch < 1 || nch > 64) Fail("%s: %d channels cannot be shown", path, nch);
 
     const std::size_t pixels = static_cast<std::size_t>(spec.width) * spec.height;
-    std::vector<uint8_t> raw(pixels * nch);
+    thread_local std::vector<uint8_t> raw;  // kept between frames, see Resize
+    if (raw.size() < pixels * nch) raw.resize(pixels * nch);
     if (!in->read_image(0, 0, 0, nch, OIIO::TypeDesc::UINT8, raw.data()))
         Fail("%s: %s", path, in->geterror().c_str());
     in->close();
@@ -251,7 +252,11 @@ void Resize(const uint8_t* src, int sw, int sh, int sstride, uint8_t* dst, int d
     if (!ctx) Fail("resize: libswscale refused %dx%d -> %dx%d", sw, sh, dw, dh);
 
     const std::size_t srcPlane = static_cast<std::size_t>(sw) * sh, dstPlane = static_cast<std::size_t>(dw) * dh;
-    std::vector<uint8_t> in(srcPlane * 4), out(dstPlane * 4);
+    // Plane buffers kept between frames: fresh multi-megabyte blocks every frame cost more in
+    // page faults than the scaling.
+    thread_local std::vector<uint8_t> in, out;
+    if (in.size() < srcPlane * 4) in.resize(srcPlane * 4);
+    if (out.size() < dstPlane * 4) out.resize(dstPlane * 4);
     for (int y = 0; y < sh; ++y) {
         const uint8_t* s = src + static_cast<std::size_t>(y) * sstride;
         const std::size_t row = static_cast<std::size_t>(y) * sw;
