@@ -1,6 +1,7 @@
 // Encodes test movies and WAVE files in-process with libavformat/libavcodec/libswscale.
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <filesystem>
@@ -517,6 +518,12 @@ bool RenameSoundEntry(const std::string& path, const char from[4], const char to
 
 bool MakeMedia(const std::string& path, const MediaSpec& spec, std::string* error)
 {
+    // Encoder chatter drowns test output; ZUBGEN_VERBOSE keeps it.
+    static const bool quiet = [] {
+        if (!std::getenv("ZUBGEN_VERBOSE") && av_log_get_level() > AV_LOG_ERROR) av_log_set_level(AV_LOG_ERROR);
+        return true;
+    }();
+    (void)quiet;
     bool ok = false;
     std::string why;
     {

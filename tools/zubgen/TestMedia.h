@@ -80,7 +80,8 @@ struct MediaSpec {
 };
 
 // Writes `path` (replacing it) as described. On failure returns false, removes any partial
-// file and puts "path: reason" in *error when given.
+// file and puts "path: reason" in *error when given. The first call lowers libav's (global)
+// log level to errors unless the environment sets ZUBGEN_VERBOSE.
 bool MakeMedia(const std::string& path, const MediaSpec& spec, std::string* error = nullptr);
 
 // A WAVE file of plain PCM (8 bits unsigned or 16 bits signed) with the tone described.

@@ -1,0 +1,240 @@
+#include "DecodeGraph.h"
+
+#include <cstring>
+
+namespace zub::gst {
+namespace {
+
+constexpr GstClockTime kPrerollTimeout = 30 * GST_SECOND;
+
+std::string TextOf(GstMessage* msg)
+{
+    GError* raw = nullptr;
+    gchar* debugRaw = nullptr;
+    gst_message_parse_error(msg, &raw, &debugRaw);
+    ErrorPtr err(raw);
+    CharPtr debug(debugRaw);
+    return err ? err->message : "unknown error";
+}
+
+const char* MediaTypeOf(GstCaps* caps)
+{
+    if (!caps || gst_caps_get_size(caps) == 0) return "";
+    return gst_structure_get_name(gst_caps_get_structure(caps, 0));
+}
+
+}  // namespace
+
+DecodeGraph::~DecodeGraph() { Shutdown(); }
+
+void DecodeGraph::SetError(const std::string& why)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (error_.empty()) error_ = path_ + ": " + why;
+}
+
+std::string DecodeGraph::Error() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return error_;
+}
+
+bool DecodeGraph::Wanted(const char* mediaType) const
+{
+    if (kind_ == StreamKind::Audio) return std::strncmp(mediaType, "audio/", 6) == 0;
+    return std::strncmp(mediaType, "video/", 6) == 0 || std::strncmp(mediaType, "image/", 6) == 0;
+}
+
+bool DecodeGraph::Build(const std::string& path, StreamKind kind, ChainBuilder builder, std::string* error)
+{
+    Shutdown();
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        error_.clear();
+    }
+    ended_ = false;
+    path_ = path;
+    kind_ = kind;
+    builder_ = std::move(builder);
+    std::string why;
+    if (!EnsureInitialised(&why)) {
+        if (error) *error = path + ": " + why;
+        return false;
+    }
+    GstElement* pipeline = gst_pipeline_new(nullptr);
+    gst_object_ref_sink(pipeline);
+    pipeline_.reset(pipeline);
+    GstElement* src = gst_element_factory_make("filesrc", nullptr);
+    GstElement* dec = gst_element_factory_make("decodebin", nullptr);
+    // Whatever was made belongs to the pipeline from here on, so nothing leaks on failure.
+    if (src) gst_bin_add(GST_BIN(pipeline), src);
+    if (dec) gst_bin_add(GST_BIN(pipeline), dec);
+    if (!src || !dec) {
+        if (error) *error = path + ": the media framework's element \"" + (src ? "decodebin" : "filesrc") + "\" is missing";
+        Shutdown();
+        return false;
+    }
+    g_object_set(src, "location", path.c_str(), nullptr);
+    if (!gst_element_link(src, dec)) {
+        if (error) *error = path + ": cannot link the file source to the decoder";
+        Shutdown();
+        return false;
+    }
+    g_signal_connect(dec, "pad-added", G_CALLBACK(&DecodeGraph::OnPadAdded), this);
+    g_signal_connect(dec, "autoplug-continue", G_CALLBACK(&DecodeGraph::OnAutoplugContinue), this);
+    g_signal_connect(dec, "unknown-type", G_CALLBACK(&DecodeGraph::OnUnknownType), this);
+    return true;
+}
+
+void DecodeGraph::Park(GstPad* pad)
+{
+    GstElement* sink = gst_element_factory_make("fakesink", nullptr);
+    if (!sink) return;  // an unlinked stream is tolerated by the demuxers
+    g_object_set(sink, "sync", FALSE, "async", FALSE, nullptr);
+    gst_bin_add(GST_BIN(pipeline_.get()), sink);
+    gst_element_sync_state_with_parent(sink);
+    Ref<GstPad> sinkPad(gst_element_get_static_pad(sink, "sink"));
+    gst_pad_link(pad, sinkPad.get());
+}
+
+void DecodeGraph::OnPadAdded(GstElement*, GstPad* pad, gpointer data)
+{
+    auto* self = static_cast<DecodeGraph*>(data);
+    CapsPtr caps(gst_pad_get_current_caps(pad));
+    if (!caps) caps.reset(gst_pad_query_caps(pad, nullptr));
+    const char* type = MediaTypeOf(caps.get());
+    const char* raw = self->kind_ == StreamKind::Video ? "video/x-raw" : "audio/x-raw";
+    if (std::strcmp(type, raw) != 0 || self->linked_.exchange(true)) {
+        self->Park(pad);
+        return;
+    }
+    std::string why;
+    GstElement* head = self->builder_(GST_BIN(self->pipeline_.get()), caps.get(), &why);
+    if (!head) {
+        self->SetError(why);
+        self->Park(pad);
+        return;
+    }
+    Ref<GstPad> sinkPad(gst_element_get_static_pad(head, "sink"));
+    const GstPadLinkReturn rc = gst_pad_link(pad, sinkPad.get());
+    if (rc != GST_PAD_LINK_OK) self->SetError(std::string("cannot link the decoded stream: ") + gst_pad_link_get_name(rc));
+}
+
+gboolean DecodeGraph::OnAutoplugContinue(GstElement*, GstPad* pad, GstCaps* caps, gpointer data)
+{
+    auto* self = static_cast<DecodeGraph*>(data);
+    if (self->Wanted(MediaTypeOf(caps))) return TRUE;
+    // A stream of the other kind straight out of a demuxer is left undecoded; anything else
+    // (the file itself, a container inside a container) is still unpacked.
+    Ref<GstElement> parent(gst_pad_get_parent_element(pad));
+    if (!parent) return TRUE;
+    GstElementFactory* factory = gst_element_get_factory(parent.get());
+    const gchar* klass = factory ? gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS) : nullptr;
+    return !(klass && std::strstr(klass, "Demux"));
+}
+
+void DecodeGraph::OnUnknownType(GstElement*, GstPad*, GstCaps* caps, gpointer data)
+{
+    auto* self = static_cast<DecodeGraph*>(data);
+    if (!self->Wanted(MediaTypeOf(caps))) return;
+    CharPtr text(gst_caps_to_string(caps));
+    self->SetError(std::string("no decoder installed for ") + (text ? text.get() : "this stream"));
+}
+
+bool DecodeGraph::TakeMessage(GstMessage* msg)
+{
+    switch (GST_MESSAGE_TYPE(msg)) {
+    case GST_MESSAGE_ERROR:
+        SetError(TextOf(msg));
+        ended_ = true;
+        return true;
+    case GST_MESSAGE_EOS: ended_ = true; return true;
+    default: return false;
+    }
+}
+
+bool DecodeGraph::Preroll(std::string* error)
+{
+    auto fail = [&](const std::string& fallback) {
+        std::string why = Error();
+        if (why.empty()) why = path_ + ": " + fallback;
+        if (error) *error = why;
+        return false;
+    };
+    if (!pipeline_) return fail("nothing to open");
+    Ref<GstBus> bus(gst_element_get_bus(pipeline_.get()));
+    const GstStateChangeReturn rc = gst_element_set_state(pipeline_.get(), GST_STATE_PAUSED);
+    if (rc == GST_STATE_CHANGE_FAILURE) {
+        MessagePtr msg(gst_bus_pop_filtered(bus.get(), GST_MESSAGE_ERROR));
+        if (msg) TakeMessage(msg.get());
+        return fail("cannot be opened");
+    }
+    if (rc == GST_STATE_CHANGE_ASYNC) {
+        for (;;) {
+            MessagePtr msg(gst_bus_timed_pop_filtered(
+                bus.get(), kPrerollTimeout,
+                static_cast<GstMessageType>(GST_MESSAGE_ASYNC_DONE | GST_MESSAGE_ERROR | GST_MESSAGE_EOS)));
+            if (!msg) return fail("timed out while opening");
+            if (GST_MESSAGE_TYPE(msg.get()) == GST_MESSAGE_ASYNC_DONE) break;
+            TakeMessage(msg.get());
+            if (!Error().empty()) return fail("");
+            if (ended_) break;
+        }
+    }
+    if (!Error().empty()) return fail("");
+    if (!linked_) return fail(kind_ == StreamKind::Video ? "has no video stream" : "has no audio stream");
+    return true;
+}
+
+bool DecodeGraph::Play(std::string* error)
+{
+    if (!pipeline_ || gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        PollEnd();
+        std::string why = Error();
+        if (error) *error = why.empty() ? path_ + ": cannot start decoding" : why;
+        return false;
+    }
+    return true;
+}
+
+bool DecodeGraph::PollEnd()
+{
+    if (!pipeline_) return ended_;
+    Ref<GstBus> bus(gst_element_get_bus(pipeline_.get()));
+    while (MessagePtr msg{gst_bus_pop_filtered(bus.get(), static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR))})
+        TakeMessage(msg.get());
+    return ended_;
+}
+
+bool DecodeGraph::Drain(int timeoutMs)
+{
+    if (!pipeline_ || PollEnd()) return ended_;
+    gst_element_send_event(pipeline_.get(), gst_event_new_eos());
+    Ref<GstBus> bus(gst_element_get_bus(pipeline_.get()));
+    MessagePtr msg(gst_bus_timed_pop_filtered(bus.get(), static_cast<GstClockTime>(timeoutMs) * GST_MSECOND,
+                                              static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR)));
+    if (msg) TakeMessage(msg.get());
+    return ended_;
+}
+
+void DecodeGraph::Shutdown()
+{
+    pipeline_.reset();
+    linked_ = false;
+}
+
+std::int64_t DecodeGraph::DurationNs() const
+{
+    gint64 d = -1;
+    if (!pipeline_ || !gst_element_query_duration(pipeline_.get(), GST_FORMAT_TIME, &d)) return -1;
+    return d;
+}
+
+std::int64_t DecodeGraph::PositionNs() const
+{
+    gint64 p = -1;
+    if (!pipeline_ || !gst_element_query_position(pipeline_.get(), GST_FORMAT_TIME, &p)) return -1;
+    return p;
+}
+
+}  // namespace zub::gst
