@@ -233,6 +233,23 @@ bool ParseFrame(const void* data, std::uint32_t width, std::uint32_t height, Fra
     return true;
 }
 
+// BT.601 studio range in 16.16 fixed point: close enough to the exact coefficients that any
+// colour representable in 8-bit 4:2:2 survives a round trip unchanged.
+namespace {
+constexpr int K16(double c)
+{
+    return static_cast<int>(c * 65536.0 + (c >= 0 ? 0.5 : -0.5));
+}
+constexpr int kYR = K16(65.481 / 255), kYG = K16(128.553 / 255), kYB = K16(24.966 / 255);
+constexpr int kUR = K16(-37.797 / 255), kUG = K16(-74.203 / 255), kUB = K16(112.0 / 255);
+constexpr int kVR = K16(112.0 / 255), kVG = K16(-93.786 / 255), kVB = K16(-18.214 / 255);
+constexpr int kLuma = K16(255.0 / 219.0);
+constexpr int kRV = K16(255.0 / 224.0 * 1.402);
+constexpr int kGU = K16(255.0 / 224.0 * 1.772 * 0.114 / 0.587);
+constexpr int kGV = K16(255.0 / 224.0 * 1.402 * 0.299 / 0.587);
+constexpr int kBU = K16(255.0 / 224.0 * 1.772);
+}  // namespace
+
 void BgraToUyvy(const FrameView& v, std::uint8_t* out)
 {
     const int bpp = v.bits / 8;
@@ -246,13 +263,12 @@ void BgraToUyvy(const FrameView& v, std::uint8_t* out)
         for (int x = 0; x < v.width; x += 2, s += 2 * bpp, d += 4) {
             const int b0 = s[0], g0 = s[1], r0 = s[2];
             const int b1 = s[bpp], g1 = s[bpp + 1], r1 = s[bpp + 2];
-            const int y0 = ((66 * r0 + 129 * g0 + 25 * b0 + 128) >> 8) + 16;
-            const int y1 = ((66 * r1 + 129 * g1 + 25 * b1 + 128) >> 8) + 16;
             const int rs = r0 + r1, gs = g0 + g1, bs = b0 + b1;
-            d[0] = Clamp8(((-38 * rs - 74 * gs + 112 * bs + 256) >> 9) + 128);
-            d[1] = static_cast<std::uint8_t>(y0);
-            d[2] = Clamp8(((112 * rs - 94 * gs - 18 * bs + 256) >> 9) + 128);
-            d[3] = static_cast<std::uint8_t>(y1);
+            // The pair's chroma is that of its mean colour.
+            d[0] = Clamp8(128 + ((kUR * rs + kUG * gs + kUB * bs + 65536) >> 17));
+            d[1] = Clamp8(16 + ((kYR * r0 + kYG * g0 + kYB * b0 + 32768) >> 16));
+            d[2] = Clamp8(128 + ((kVR * rs + kVG * gs + kVB * bs + 65536) >> 17));
+            d[3] = Clamp8(16 + ((kYR * r1 + kYG * g1 + kYB * b1 + 32768) >> 16));
         }
     }
 }
@@ -263,11 +279,11 @@ void UyvyToBgra(const std::uint8_t* in, int width, int height, std::uint8_t* out
     for (std::size_t i = 0; i < n; ++i, in += 4, out += 8) {
         const int d = in[0] - 128, e = in[2] - 128;
         for (int k = 0; k < 2; ++k) {
-            const int c = 298 * (in[1 + 2 * k] - 16) + 128;
+            const int c = kLuma * (in[1 + 2 * k] - 16) + 32768;
             std::uint8_t* p = out + 4 * k;
-            p[0] = Clamp8((c + 516 * d) >> 8);
-            p[1] = Clamp8((c - 100 * d - 208 * e) >> 8);
-            p[2] = Clamp8((c + 409 * e) >> 8);
+            p[0] = Clamp8((c + kBU * d) >> 16);
+            p[1] = Clamp8((c - kGU * d - kGV * e) >> 16);
+            p[2] = Clamp8((c + kRV * e) >> 16);
             p[3] = 255;
         }
     }
