@@ -18,12 +18,16 @@ constexpr int KernelTaps(int mode) { return 4 << (mode - 1); }
 const std::int32_t* KernelRow(int taps, int phase);
 
 // How a kernel's rows are computed (see ResampleKernels.cpp for the reasoning):
-// h(d) = sinc(d) * P((d / (taps / 2))^2), P(u) = sum of terms[m] * u^m, each row scaled to a
-// DC gain of exactly 32768 and rounded tap by tap.
+//   h(d) = sinc(d) * E(u) + sinc(d) * (d / W) * cos(pi d) * O(u),  W = taps / 2,  u = (d / W)^2,
+//   E(u) = sum even[m] * u^m,  O(u) = sum odd[i] * u^oddPower[i],
+// each row scaled to a DC gain of exactly 32768 and rounded tap by tap.
 struct KernelShape {
     int taps = 0;
-    int degree = 0;
-    double terms[7] = {};
+    int evenDegree = 0;
+    double even[8] = {};
+    int oddCount = 0;
+    int oddPower[2] = {};
+    double odd[2] = {};
 };
 const KernelShape& ShapeFor(int taps);
 
