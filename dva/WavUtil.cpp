@@ -188,14 +188,21 @@ int CDva::CopyPartialWavFile(const char* src, const char* dst, char* data, long 
 
     constexpr long kPass = 0x80000;
     long done = 0;
+    // Passes follow one another in the caller's block, so small ones (a source announcing
+    // little audio bounds every pass) are gathered into writes of up to one pass buffer.
+    long pending = 0;
     while (done < length) {
         long pass = std::min({avail, kPass, length - done});
         pass -= pass % block;
         if (pass < 1) break;
-        // The caller's block is written straight out; the buffered file gathers it.
-        if (out.Write(data + done, pass) != pass) return FailFrom(out);
         done += pass;
+        pending += pass;
+        if (pending >= kPass) {
+            if (out.Write(data + done - pending, pending) != pending) return FailFrom(out);
+            pending = 0;
+        }
     }
+    if (pending && out.Write(data + done - pending, pending) != pending) return FailFrom(out);
     return FinishTarget(out, riff, dataCk, guard) ? 1 : 0;
 }
 
