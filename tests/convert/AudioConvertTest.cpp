@@ -386,6 +386,40 @@ TEST_F(AudioConvert, OpenAndWriteFailures)
     EXPECT_EQ(std::filesystem::file_size(tmp), 44u);
 }
 
+TEST_F(AudioConvert, DamagedSourcesNeverCrashOrChange)
+{
+    // Valid files with header bytes overwritten and tails cut off: whatever the sizes and
+    // fields say, the conversion reads inside the file, writes a target of 44 + outBytes bytes
+    // when it succeeds, and leaves the source as it was.
+    std::mt19937 rng(11);
+    std::vector<std::int16_t> audio(2 * 500);
+    for (auto& v : audio) v = static_cast<std::int16_t>(rng());
+    const std::string src = dir_ / "damaged.wav";
+    const std::string tmp = dir_ / "tmp";
+    int converted = 0;
+    for (int round = 0; round < 400; ++round) {
+        const long rates[] = {48000, 44100, 96000, 11025, 22050};
+        WriteWave(src, 1, 1 + round % 2, static_cast<std::uint32_t>(rates[round % 5]), 16, Samples16(audio));
+        Bytes b = ReadFile(src);
+        const int flips = 1 + static_cast<int>(rng() % 4);
+        for (int f = 0; f < flips; ++f) b[rng() % 48] = static_cast<unsigned char>(rng());
+        b.resize(rng() % 3 == 0 ? rng() % b.size() : b.size());
+        std::ofstream(src, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(b.data()), static_cast<std::streamsize>(b.size()));
+
+        AudioConverter conv;
+        conv.SetBlockFrames(1 + rng() % 300);
+        std::filesystem::remove(tmp);
+        const int result = conv.Convert(src.c_str(), tmp.c_str(), {11025, 8 + 8 * static_cast<int>(rng() % 2), static_cast<int>(rng() % 2)}, *prompt_);
+        ASSERT_TRUE(result == 0 || result == 1) << round << ": " << result;
+        if (result == 1) {
+            ++converted;
+            EXPECT_EQ(std::filesystem::file_size(tmp), 44 + conv.OutBytes()) << round;
+        }
+        EXPECT_EQ(ReadFile(src), b) << round;
+    }
+    EXPECT_GT(converted, 50);
+}
+
 TEST_F(AudioConvert, AudioDetailsAcceptOnlyPlainPcm)
 {
     CConvertDlg dlg;
