@@ -294,6 +294,7 @@ bool Movie::DecodeOrdinal(std::size_t ordinal, std::string* why)
             decoderEnded_ = true;
             break;
         }
+        if (err == AVERROR_INVALIDDATA) continue;  // a damaged frame: the last good one stays
         if (err != AVERROR(EAGAIN)) {
             SetWhy(why, path_ + ": video decoding failed: " + AvError(err));
             return false;

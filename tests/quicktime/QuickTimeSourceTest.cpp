@@ -5,6 +5,7 @@
 
 #include <sys/xattr.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -274,6 +275,58 @@ TEST(QuickTimeVideo, RefusesWhatIsNotAMovieWithTheFileNamed)
         EXPECT_NE(audio.LastError().find(path), std::string::npos) << audio.LastError();
     }
     EXPECT_EQ(ReadFile(junk).size(), 52u);  // sources are never written
+}
+
+TEST(QuickTimeVideo, DamagedSamplesDoNotStopTheMovieAndACutOffMovieIsRefused)
+{
+    test::TempDir dir;
+    for (tm::VideoCodec codec : {tm::VideoCodec::Mjpeg, tm::VideoCodec::H264}) {
+        const bool intraOnly = codec == tm::VideoCodec::Mjpeg;
+        SCOPED_TRACE(intraOnly ? "mjpeg" : "h264");
+        tm::MediaSpec spec;
+        spec.video = codec;
+        spec.frames = 20;
+        spec.audio = tm::AudioCodec::PcmS16be;
+        const std::string path = Make(dir, "d.mov", spec);
+        std::vector<std::uint8_t> bytes = ReadFile(path);
+        ASSERT_GT(bytes.size(), 4000u);
+
+        // Garbage over a stretch of sample data in the middle (the index is at the file's end).
+        std::vector<std::uint8_t> damaged = bytes;
+        for (std::size_t i = damaged.size() / 3; i < damaged.size() / 3 + 1000; ++i)
+            damaged[i] = static_cast<std::uint8_t>(i * 7);
+        const std::string bad = dir / "damaged.mov";
+        std::ofstream(bad, std::ios::binary).write(reinterpret_cast<const char*>(damaged.data()), damaged.size());
+        CQuickTimeVideoSource video;
+        ASSERT_TRUE(video.Open(bad.c_str())) << video.LastError();
+        EXPECT_EQ(video.CountFrames(), 20);
+        std::vector<int> numbers;
+        do {
+            ASSERT_TRUE(video.RenderCurrentFrame()) << video.LastError();
+            numbers.push_back(tm::ReadFrameNumber(View(*video.GetDrawingContext())));
+        } while (video.AdvanceFrame() != -1);
+        ASSERT_EQ(numbers.size(), 20u);
+        EXPECT_EQ(numbers.front(), 0);
+        if (intraOnly) {
+            // Frames on both sides of the damage come out in their places.
+            EXPECT_EQ(numbers.back(), 19);
+            EXPECT_GE(std::count_if(numbers.begin(), numbers.end(), [n = 0](int v) mutable { return v == n++; }), 10);
+        }
+        CQuickTimeAudioSource audio;
+        ASSERT_TRUE(audio.Open(bad.c_str()));
+        EXPECT_TRUE(ConvertAll(audio, dir / "damaged.wav")) << audio.LastError();
+        EXPECT_NE(SoxInfo(dir / "damaged.wav", "-s"), "");
+
+        // Cut before its index, the file is no movie at all.
+        const std::string cut = dir / "cut.mov";
+        std::ofstream(cut, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size() / 2);
+        CQuickTimeVideoSource cutVideo;
+        EXPECT_FALSE(cutVideo.Open(cut.c_str()));
+        EXPECT_NE(cutVideo.LastError().find(cut), std::string::npos);
+        CQuickTimeAudioSource cutAudio;
+        EXPECT_FALSE(cutAudio.Open(cut.c_str()));
+        EXPECT_NE(cutAudio.LastError().find(cut), std::string::npos);
+    }
 }
 
 TEST(QuickTimeVideo, WithoutAPathTheDialogHookChoosesTheMovie)
