@@ -2,9 +2,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "DvaChunk.h"
-#include "DvaDevice.h"
 #include "zubimport/Dva.h"
 
 namespace zub {
@@ -200,8 +201,18 @@ int CDva::ReadTapeNameTc(const char* file)
 int CDva::WritePlayList(const char* file, CSMSBDPlayList& list)
 {
     ClearError();
+    // The paths are taken before Empty, which would release the list were it this object's own.
+    constexpr std::size_t kMaxNodes = 1 << 20;  // far more than any chunk holds; ends a list that loops
+    std::vector<std::string> paths;
+    bool tooLong = false;
+    for (const CSMSBDPlayList* n = &list; n && paths.size() <= kMaxNodes; n = n->pNext) {
+        const std::size_t len = strnlen(n->szPath, MAX_PATH);
+        tooLong = tooLong || len >= MAX_PATH;
+        paths.emplace_back(n->szPath, std::min(len, MAX_PATH - 1));
+    }
     Empty();
     const std::string path = file ? file : "";
+    if (tooLong) return FailWith(path, "a play list path does not fit the 260-byte field");
     CMmioFile f;
     MMCKINFO riff, chunk;
     if (!OpenAssociation(path.c_str(), true, f, riff, chunk)) return 0;
@@ -212,32 +223,26 @@ int CDva::WritePlayList(const char* file, CSMSBDPlayList& list)
     std::uint32_t stored = 0;
     if (f.Read(&header, sizeof header) != static_cast<long>(sizeof header) || f.Read(&stored, 4) != 4)
         return FailWith(path, "video description is cut short");
-
-    // Counting stops one past the stored count, so a list that loops back on itself ends too.
-    std::uint64_t nodes = 0;
-    for (const CSMSBDPlayList* n = &list; n && nodes <= stored; n = n->pNext) {
-        if (strnlen(n->szPath, MAX_PATH) >= MAX_PATH)
-            return FailWith(path, "a play list path does not fit the 260-byte field");
-        ++nodes;
-    }
-    if (nodes != stored) {
+    if (paths.size() != stored) {
         Trace("Error - Can't update RVA due to mismatch in playlist count!\r\n");
-        return FailWith(path, "play list has " + std::to_string(nodes) + " entries, the file " + std::to_string(stored));
+        return FailWith(path, "play list has " + std::to_string(paths.size()) + " entries, the file " +
+                                  std::to_string(stored));
     }
+    // Every stored entry must be there before the first one changes.
+    const long first = f.Seek(0, SEEK_CUR);
+    const long end = f.Seek(0, SEEK_END);
+    if (first < 0 || end < 0 || f.Seek(first, SEEK_SET) < 0) return FailFrom(f);
+    if (static_cast<std::uint64_t>(end - first) < std::uint64_t{stored} * sizeof(PlayListEntry))
+        return FailWith(path, "play list is cut short");
 
-    bool ok = true;
-    for (const CSMSBDPlayList* n = &list; n && ok; n = n->pNext) {
+    for (const std::string& p : paths) {
         PlayListEntry entry;
-        if (f.Read(&entry, sizeof entry) != static_cast<long>(sizeof entry)) {
-            ok = FailWith(path, "play list is cut short");
-            break;
-        }
-        PutField(entry.path, sizeof entry.path, n->szPath);
+        if (f.Read(&entry, sizeof entry) != static_cast<long>(sizeof entry)) return FailWith(path, "play list is cut short");
+        PutField(entry.path, sizeof entry.path, p.c_str());
         if (f.Seek(-static_cast<long>(sizeof entry), SEEK_CUR) < 0 ||
             f.Write(&entry, sizeof entry) != static_cast<long>(sizeof entry))
-            ok = FailFrom(f);
+            return FailFrom(f);
     }
-    if (!ok) return 0;
     if (!f.Ascend(chunk) || !f.Ascend(riff) || !f.Close()) return FailFrom(f);
     m_strFile = path;
     return 1;

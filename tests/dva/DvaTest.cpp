@@ -187,6 +187,25 @@ TEST_F(DvaFiles, WritePlayListRewritesPathsOnlyWhenCountsMatch)
     expect[1].path = "/new/two.zub";
     expect[2].path = std::string(258, 'q');
     EXPECT_TRUE(ReadFile(path) == DvaFile(AssocData(expect))) << "frames and everything else stay";
+
+    // The object's own list, read from another file, survives the Empty that comes first.
+    const std::string other = Make("other.dva", DvaFile(AssocData({{5, 6, "/o/1.zub"}, {7, 8, "/o/2.zub"}, {9, 9, "/o/3.zub"}})));
+    CDva own;
+    ASSERT_EQ(own.ReadPlayList(other.c_str()), 1);
+    ASSERT_EQ(own.WritePlayList(path.c_str(), *own.GetPlayList()), 1) << CDva::GetLastError();
+    EXPECT_TRUE(own.IsEmpty());
+    ASSERT_EQ(own.ReadPlayList(path.c_str()), 1);
+    EXPECT_STREQ(own.GetPlayList()->pNext->pNext->szPath, "/o/3.zub");
+    EXPECT_EQ(own.GetPlayList()->pNext->pNext->lFirstFrame, 150);
+
+    // A stored count larger than the entries present changes nothing.
+    std::string cut = DvaFile(AssocData(ThreeEntries()));
+    cut.resize(cut.size() - 268);
+    const std::string cutPath = Make("cut.dva", cut);
+    CSMSBDPlayList* three = MakeList({"/a", "/b", "/c"});
+    EXPECT_EQ(own.WritePlayList(cutPath.c_str(), *three), 0);
+    EXPECT_TRUE(ReadFile(cutPath) == cut);
+    CSMSBDPlayList::Free(three);
 }
 
 TEST_F(DvaFiles, WriteTapeNameTcOverwritesTapeBlock)
