@@ -185,12 +185,14 @@ int AudioConverter::ReadFormat(const std::string& file, long& rate, int& bits, i
 unsigned long AudioConverter::ConvertStereo(const short* in, unsigned long outBytes, int bits, int stereo)
 {
     if (output_.size() < outBytes) output_.resize(outBytes);
+    if (!in) return outBytes;
     return ConvertStereoFrames(in, output_.data(), outBytes, bits, stereo);
 }
 
 unsigned long AudioConverter::ConvertMono(const short* in, unsigned long outBytes, int bits, int stereo)
 {
     if (output_.size() < outBytes) output_.resize(outBytes);
+    if (!in) return outBytes;
     return ConvertMonoFrames(in, output_.data(), outBytes, bits, stereo);
 }
 
@@ -219,12 +221,12 @@ int AudioConverter::WriteFailed(const std::string& why)
     return kTargetWriteFailed;
 }
 
-bool AudioConverter::ResampleBlock(std::int64_t first, std::size_t count, std::int64_t produced, std::int64_t frames,
+void AudioConverter::ResampleBlock(std::int64_t first, std::size_t count, std::int64_t produced, std::int64_t frames,
                                    int channels, int bytesPerSample, std::vector<std::int16_t>& inter)
 {
     // Outputs past the last source position stay zero, as in a zero-filled whole-file buffer.
     const std::int64_t have = std::clamp<std::int64_t>(produced - first, 0, static_cast<std::int64_t>(count));
-    if (have == 0) return true;
+    if (have == 0) return;
     const auto n = static_cast<std::size_t>(have);
 
     std::int64_t begin, end;
@@ -238,13 +240,13 @@ bool AudioConverter::ResampleBlock(std::int64_t first, std::size_t count, std::i
     const std::int64_t readEnd = std::min(end, frames);
     if (readEnd > readBegin) {
         const auto frameBytes = static_cast<std::size_t>(channels * bytesPerSample);
-        const auto count = static_cast<std::size_t>(readEnd - readBegin);
-        raw_.assign(count * frameBytes, 0);
+        const auto readFrames = static_cast<std::size_t>(readEnd - readBegin);
+        raw_.assign(readFrames * frameBytes, 0);
         ReadSamples(static_cast<long>(raw_.size()), raw_.data(),
                     static_cast<unsigned long>(readBegin) * static_cast<unsigned long>(frameBytes));
         const auto skip = static_cast<std::size_t>(readBegin - begin);
         const unsigned char* p = raw_.data();
-        for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t i = 0; i < readFrames; ++i) {
             for (int c = 0; c < channels; ++c) {
                 std::int16_t s;
                 if (bytesPerSample == 2) {
@@ -263,7 +265,6 @@ bool AudioConverter::ResampleBlock(std::int64_t first, std::size_t count, std::i
         resampler_.Run(first, n, stage_.data() + static_cast<std::size_t>(c) * span, begin, channelOut_.data());
         for (std::size_t k = 0; k < n; ++k) inter[k * static_cast<std::size_t>(channels) + static_cast<std::size_t>(c)] = channelOut_[k];
     }
-    return true;
 }
 
 int AudioConverter::Convert(const char* source, const char* target, const AudioTarget& to, IPrompt& prompt)

@@ -96,7 +96,9 @@ public:
 private:
     struct Fd;
     int WriteFailed(const std::string& why);
-    bool ResampleBlock(std::int64_t first, std::size_t count, std::int64_t produced, std::int64_t frames,
+    // Resamples outputs first .. first + count into inter (zero-filled by the caller), staging
+    // the source range they need straight from the file.
+    void ResampleBlock(std::int64_t first, std::size_t count, std::int64_t produced, std::int64_t frames,
                        int channels, int bytesPerSample, std::vector<std::int16_t>& inter);
 
     std::unique_ptr<Fd> source_;
