@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <thread>
 
 #include "ClipFile.h"
 #include "RecorderAbi.h"
@@ -395,6 +396,42 @@ TEST_P(RecorderTest, RefusesFramesItCannotTake)
     spec.videoRate = 1000;
     EXPECT_EQ(dev.CreateClipItem(spec, items), ClipStatus::Failed);
     EXPECT_FALSE(std::filesystem::exists(spec.path));
+}
+
+TEST_P(RecorderTest, ImportsFromSeveralThreads)
+{
+    // Frames arrive on streaming threads: two clips written at once, plus the same clip's
+    // video from two threads taking alternate frames.
+    ClipSpec a, b;
+    a.path = Clip("a.zub");
+    b.path = Clip("b.zub");
+    a.frames = b.frames = 6;
+    a.videoRate = kRate;
+    b.videoRate = -1;
+    b.videoUncompressed = true;
+    ClipItems ia, ib;
+    ASSERT_EQ(dev.CreateClipItem(a, ia), ClipStatus::Ok);
+    ASSERT_EQ(dev.CreateClipItem(b, ib), ClipStatus::Ok);
+    const auto holder = Holder(TestPicture(1));
+    auto writer = [&](std::int32_t item, std::int32_t rate, int first, int step) {
+        for (int i = first; i < 6; i += step) {
+            FrameImport f;
+            f.videoItem = item;
+            f.frame = i;
+            f.data = holder.data();
+            f.videoRate = rate;
+            f.videoType = rate == -1 ? 3 : 1;
+            EXPECT_EQ(dev.ImportFrame(f), 1) << CRecorderDevice::GetError();
+        }
+    };
+    std::thread t1(writer, ia.video, kRate, 0, 2), t2(writer, ia.video, kRate, 1, 2), t3(writer, ib.video, -1, 0, 1);
+    t1.join();
+    t2.join();
+    t3.join();
+    Release(ia);
+    Release(ib);
+    EXPECT_EQ(dev.QueryFileLength(a.path.c_str()), 6u);
+    EXPECT_EQ(dev.QueryFileLength(b.path.c_str()), 6u);
 }
 
 INSTANTIATE_TEST_SUITE_P(BothBackEnds, RecorderTest, ::testing::Values(1, 0),
