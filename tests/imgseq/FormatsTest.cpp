@@ -83,7 +83,7 @@ void WriteSoftimagePic(const std::string& path, const Image& img)
         }
 }
 
-class Formats : public testing::Test {
+class StillFormats : public testing::Test {
 protected:
     static void SetUpTestSuite()
     {
@@ -125,13 +125,13 @@ protected:
     static Image* reference_;
     static bool toolsOk_;
 };
-test::TempDir* Formats::dir_ = nullptr;
-Image* Formats::reference_ = nullptr;
-bool Formats::toolsOk_ = false;
+test::TempDir* StillFormats::dir_ = nullptr;
+Image* StillFormats::reference_ = nullptr;
+bool StillFormats::toolsOk_ = false;
 
 }  // namespace
 
-TEST_F(Formats, LosslessFormatsMatchExactly)
+TEST_F(StillFormats, LosslessFormatsMatchExactly)
 {
     ASSERT_TRUE(toolsOk_) << "oiiotool or ffmpeg could not write the test images";
     for (const char* name : {"a.tga", "a.bmp", "a.tif", "a.tiff", "a.sgi", "a.rgb", "a.iff", "a.sun", "a.pix", "a.psd",
@@ -145,7 +145,7 @@ TEST_F(Formats, LosslessFormatsMatchExactly)
     }
 }
 
-TEST_F(Formats, RlaMatchesWhatOiiotoolReads)
+TEST_F(StillFormats, RlaMatchesWhatOiiotoolReads)
 {
     ASSERT_TRUE(toolsOk_);
     Image theirs;
@@ -157,7 +157,7 @@ TEST_F(Formats, RlaMatchesWhatOiiotoolReads)
     EXPECT_GT(Psnr(ours, *reference_), 80);
 }
 
-TEST_F(Formats, LossyFormatsMatchClosely)
+TEST_F(StillFormats, LossyFormatsMatchClosely)
 {
     ASSERT_TRUE(toolsOk_);
     for (const char* name : {"a.jpg", "a.jpeg", "a.jpe", "a.yuv"}) {
@@ -168,7 +168,7 @@ TEST_F(Formats, LossyFormatsMatchClosely)
     }
 }
 
-TEST_F(Formats, AlphaIsKeptAsStored)
+TEST_F(StillFormats, AlphaIsKeptAsStored)
 {
     ASSERT_TRUE(toolsOk_);
     for (const char* name : {"alpha.tga", "alpha.tif"}) {
@@ -181,7 +181,7 @@ TEST_F(Formats, AlphaIsKeptAsStored)
     }
 }
 
-TEST_F(Formats, RefusedNamesAndBadContent)
+TEST_F(StillFormats, RefusedNamesAndBadContent)
 {
     std::string err;
     // The dialog's filter offers *.ras, but the reader has no such entry.
@@ -223,7 +223,7 @@ TEST_F(Formats, RefusedNamesAndBadContent)
 }
 
 // Our scaling against OpenImageIO's own, on a smooth picture.
-TEST_F(Formats, ResizeAgreesWithOiiotool)
+TEST_F(StillFormats, ResizeAgreesWithOiiotool)
 {
     const std::string big = *dir_ / "big.tif";
     const std::string theirs = *dir_ / "theirs.ppm";

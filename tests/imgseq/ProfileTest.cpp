@@ -84,7 +84,7 @@ ProfileRecord Sample()
 
 }  // namespace
 
-TEST(Profile, RoundTripReadsBackEveryKey)
+TEST(SeqProfile, RoundTripReadsBackEveryKey)
 {
     test::TempDir dir;
     const std::string path = dir / "sub/mine.ImpSeqProfile";  // the folder is made (one level)
@@ -104,7 +104,7 @@ TEST(Profile, RoundTripReadsBackEveryKey)
     EXPECT_EQ(back, other);
 }
 
-TEST(Profile, WrittenFileReadsTheSameOnTheHostsRules)
+TEST(SeqProfile, WrittenFileReadsTheSameOnTheHostsRules)
 {
     test::TempDir dir;
     const std::string path = dir / "host.ImpSeqProfile";
@@ -130,7 +130,7 @@ TEST(Profile, WrittenFileReadsTheSameOnTheHostsRules)
     EXPECT_NE(Slurp(path).find("VideoAlphaSameAsVideo=0"), std::string::npos);
 }
 
-TEST(Profile, HandWrittenFileWithOtherSpacingAndCase)
+TEST(SeqProfile, HandWrittenFileWithOtherSpacingAndCase)
 {
     test::TempDir dir;
     const std::string path = dir / "hand.ImpSeqProfile";
@@ -157,7 +157,7 @@ TEST(Profile, HandWrittenFileWithOtherSpacingAndCase)
     EXPECT_EQ(r.videoPath, "C:\\My Clips\\");
 }
 
-TEST(Profile, HeaderOnlyReadsAllZero)
+TEST(SeqProfile, HeaderOnlyReadsAllZero)
 {
     test::TempDir dir;
     const std::string path = dir / "bare.ImpSeqProfile";
@@ -167,7 +167,7 @@ TEST(Profile, HeaderOnlyReadsAllZero)
     EXPECT_EQ(r, ProfileRecord{});
 }
 
-TEST(Profile, WrongProductOrTypeFails)
+TEST(SeqProfile, WrongProductOrTypeFails)
 {
     test::TempDir dir;
     std::string err;
@@ -197,7 +197,7 @@ TEST(Profile, WrongProductOrTypeFails)
     EXPECT_EQ(r, Sample());
 }
 
-TEST(Profile, Summary)
+TEST(SeqProfile, Summary)
 {
     test::TempDir dir;
     const std::string path = dir / "s.ImpSeqProfile";
@@ -215,7 +215,7 @@ TEST(Profile, Summary)
     EXPECT_EQ(DescribeProfile(dir / "none.ImpSeqProfile"), "");
 }
 
-TEST(Profile, SettingsAndFolder)
+TEST(SeqProfile, SettingsAndFolder)
 {
     ImportSettings s;
     s.fitWord = 0x1207;
