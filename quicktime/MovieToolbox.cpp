@@ -424,8 +424,10 @@ Media::~Media() = default;
 
 namespace {
 
+// Linear PCM only: A-law and mu-law are compressed sound that decodes to 16 bits.
 bool IsPcm(AVCodecID id)
 {
+    if (id == AV_CODEC_ID_PCM_MULAW || id == AV_CODEC_ID_PCM_ALAW) return false;
     const AVCodecDescriptor* d = avcodec_descriptor_get(id);
     return d && d->name && std::strncmp(d->name, "pcm_", 4) == 0;
 }

@@ -515,24 +515,36 @@ TEST(QuickTimeAudio, CompressedSoundDecodesToItsDurationAndTone)
     }
 }
 
-// The generator writes no 24-bit sound; ffmpeg makes this one movie.
-TEST(QuickTimeAudio, TwentyFourBitSoundIsConvertedToLittleEndianTwentyFourBits)
+// The generator writes neither 24-bit nor mu-law sound; ffmpeg makes these movies. 24-bit
+// stays 24-bit, mu-law decodes to 16 bits, both little-endian as ffmpeg decodes them.
+TEST(QuickTimeAudio, TwentyFourBitAndMuLawSoundAreDecodedNotPassedThrough)
 {
     test::TempDir dir;
-    const std::string path = dir / "in24.mov";
-    ASSERT_EQ(std::system(("ffmpeg -nostdin -v error -f lavfi -i sine=f=440:r=32000:d=1.5 -ac 2 -c:a pcm_s24be '" +
-                           path + "'").c_str()),
-              0);
-    const std::string wav = dir / "in24.wav";
-    CQuickTimeAudioSource audio;
-    ASSERT_TRUE(audio.Open(path.c_str())) << audio.LastError();
-    EXPECT_EQ(audio.SourceDescription().dataFormat, qt::MakeOSType("in24"));
-    EXPECT_FALSE(audio.PassingThrough());
-    ASSERT_TRUE(ConvertAll(audio, wav)) << audio.LastError();
-    EXPECT_EQ(SoxInfo(wav, "-b"), "24");
-    EXPECT_EQ(SoxInfo(wav, "-r"), "32000");
-    EXPECT_EQ(SoxInfo(wav, "-s"), "48000");
-    EXPECT_TRUE(SoxSamples(wav) == FfmpegSamples(path, "s24le"));
+    struct Case {
+        const char* codec;
+        const char* type;
+        qt::OSType osType;
+        const char* ffmpegFormat;
+        const char* bits;
+    };
+    for (const Case& c : {Case{"pcm_s24be", "in24", qt::MakeOSType("in24"), "s24le", "24"},
+                          Case{"pcm_mulaw", "ulaw", qt::MakeOSType("ulaw"), "s16le", "16"}}) {
+        SCOPED_TRACE(c.codec);
+        const std::string path = dir / (std::string(c.type) + ".mov");
+        ASSERT_EQ(std::system(("ffmpeg -nostdin -v error -f lavfi -i sine=f=440:r=32000:d=1.5 -ac 2 -c:a " +
+                               std::string(c.codec) + " '" + path + "'").c_str()),
+                  0);
+        const std::string wav = dir / (std::string(c.type) + ".wav");
+        CQuickTimeAudioSource audio;
+        ASSERT_TRUE(audio.Open(path.c_str())) << audio.LastError();
+        EXPECT_EQ(audio.SourceDescription().dataFormat, c.osType);
+        EXPECT_FALSE(audio.PassingThrough());
+        ASSERT_TRUE(ConvertAll(audio, wav)) << audio.LastError();
+        EXPECT_EQ(SoxInfo(wav, "-b"), c.bits);
+        EXPECT_EQ(SoxInfo(wav, "-r"), "32000");
+        EXPECT_EQ(SoxInfo(wav, "-s"), "48000");
+        EXPECT_TRUE(SoxSamples(wav) == FfmpegSamples(path, c.ffmpegFormat));
+    }
 }
 
 TEST(QuickTimeAudio, FinishIsSafeTwiceAndAnAbortLeavesAReadableWave)
