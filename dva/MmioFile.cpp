@@ -199,7 +199,10 @@ bool CMmioFile::Descend(MMCKINFO& ck, const MMCKINFO* parent, UINT flags)
     const std::int64_t origin = pos_;
     std::int64_t parentEnd = std::numeric_limits<std::int64_t>::max();
     if (parent) {
-        parentEnd = static_cast<std::int64_t>(parent->dwDataOffset) + parent->cksize;
+        // A form too small to hold even its type was written by a streaming writer that never
+        // went back to fill in the size: it runs to the end of the file.
+        const bool unsized = (parent->ckid == FOURCC_RIFF || parent->ckid == FOURCC_LIST) && parent->cksize < 4;
+        if (!unsized) parentEnd = static_cast<std::int64_t>(parent->dwDataOffset) + parent->cksize;
         if (origin < parent->dwDataOffset || origin >= parentEnd) return Fail("position is outside the parent chunk");
     }
 

@@ -87,6 +87,17 @@ TEST(MmioFile, LyingSizesAndBadOpensFailCleanly)
     EXPECT_FALSE(f.Descend(ck, &riff, MMIO_FINDCHUNK));
     EXPECT_EQ(f.Seek(0, SEEK_CUR), 12) << "a failed search leaves the position where it was";
 
+    // A RIFF size never filled in (0) is taken as "to the end of the file".
+    const std::string streamed = dir / "streamed.wav";
+    WriteFile(streamed, Riff(Chunk("fmt ", Fmt(1, 1, 8000, 1, 8)) + Chunk("data", "1234"), 0));
+    CMmioFile s(streamed.c_str(), nullptr, MMIO_READ);
+    riff = {};
+    riff.fccType = Id("WAVE");
+    ASSERT_TRUE(s.Descend(riff, nullptr, MMIO_FINDRIFF));
+    ck = {};
+    ck.ckid = Id("data");
+    EXPECT_TRUE(s.Descend(ck, &riff, MMIO_FINDCHUNK)) << s.GetError();
+
     CMmioFile missing((dir / "none.wav").c_str(), nullptr, MMIO_READ);
     EXPECT_FALSE(missing.IsOpen());
     EXPECT_NE(missing.GetError().find("none.wav"), std::string::npos);
