@@ -16,6 +16,8 @@ namespace {
 constexpr std::int64_t kMaxSide = 32768;
 constexpr std::int64_t kMaxPixels = std::int64_t(1) << 28;
 constexpr std::uintmax_t kMaxFileBytes = std::uintmax_t(1) << 30;
+// Buffers kept between frames are let go when an unusually large image has grown them.
+constexpr std::size_t kKeptBufferBytes = std::size_t(64) << 20;
 
 bool SaneSize(std::int64_t w, std::int64_t h)
 {
@@ -180,9 +182,11 @@ bool ReadImageFile(const std::string& path, Image& image, std::string* error)
     char message[1024] = {};
     if (!api->decode(path.c_str(), bytes.data(), static_cast<std::size_t>(length), alloc, &target, message,
                      sizeof message)) {
+        if (bytes.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(bytes);
         image.Release();
         return Fail(error, message[0] ? message : path + ": cannot decode");
     }
+    if (bytes.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(bytes);  // a rare giant
     if (image.Empty() || image.BitsPerPixel() != 32) {
         image.Release();
         return Fail(error, path + ": the decoder gave no 32-bit BGRA image");

@@ -122,12 +122,15 @@ std::string MakeTempFileName(const char* prefix, const char* ext)
                         std::chrono::steady_clock::now().time_since_epoch())
                         .count();
     // The counter is not wrapped: past 0xff it simply prints with more digits.
-    for (unsigned long long counter = static_cast<unsigned long long>(ms) & 0xFF;; ++counter) {
+    const unsigned long long first = static_cast<unsigned long long>(ms) & 0xFF;
+    // A folder where every name seems taken (an unreadable one) must not hang the caller.
+    for (unsigned long long counter = first; counter < first + (1u << 20); ++counter) {
         char number[24];
         std::snprintf(number, sizeof number, "%02llx", counter);
         std::string candidate = folder + pre + number + "." + ex;
         if (!FileExists(candidate)) return candidate;
     }
+    return {};
 }
 
 bool IsNativeVideoFile(const std::string& path)

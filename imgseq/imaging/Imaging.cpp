@@ -29,6 +29,13 @@ namespace {
 // Bounds on what a decoder may ask for: a header must not make us allocate gigabytes.
 constexpr std::int64_t kMaxSide = 32768;
 constexpr std::int64_t kMaxPixels = std::int64_t(1) << 28;
+// Buffers kept between frames are let go when an unusually large image has grown them.
+constexpr std::size_t kKeptBufferBytes = std::size_t(64) << 20;
+
+void TrimKept(std::vector<uint8_t>& v)
+{
+    if (v.capacity() > kKeptBufferBytes) std::vector<uint8_t>().swap(v);
+}
 
 struct Failure {
     std::string message;
@@ -123,6 +130,9 @@ void DecodeWithOiio(const char* path, const char* format, const uint8_t* data, s
     const std::size_t pixels = static_cast<std::size_t>(spec.width) * spec.height;
     thread_local std::vector<uint8_t> raw;  // kept between frames, see Resize
     if (raw.size() < pixels * nch) raw.resize(pixels * nch);
+    struct Trim {
+        ~Trim() { TrimKept(raw); }
+    } trim;
     if (!in->read_image(0, 0, 0, nch, OIIO::TypeDesc::UINT8, raw.data()))
         Fail("%s: %s", path, in->geterror().c_str());
     in->close();
@@ -271,6 +281,13 @@ void Resize(const uint8_t* src, int sw, int sh, int sstride, uint8_t* dst, int d
             p3[x] = s[3];
         }
     }
+    struct Trim {
+        ~Trim()
+        {
+            TrimKept(in);
+            TrimKept(out);
+        }
+    } trim;
     for (int c = 0; c < 4; ++c) {
         const uint8_t* srcPlanes[4] = {in.data() + c * srcPlane, nullptr, nullptr, nullptr};
         const int srcStrides[4] = {sw, 0, 0, 0};

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <set>
 
@@ -141,6 +142,43 @@ TEST(FitImage, ScalingModesLandWhereExpected)
         int wrong = 0;
         EXPECT_EQ(ContentOf(out, c, &wrong), k.rect);
         EXPECT_EQ(wrong, 0);
+    }
+}
+
+// Every scaling mode, for an image larger and one smaller than the target, in every area:
+// the picture stays inside the target, centred, filling what the mode promises.
+TEST(FitImage, ScalingModesInEveryAreaAndSize)
+{
+    const Bgra c{200, 100, 50, 255};
+    for (int area = 0; area < 3; ++area) {
+        const auto [mx, my] = kMargins[area];
+        const Rect t{mx, my, 720 - mx, 486 - my};
+        const int Tw = t.x1 - t.x0, Th = t.y1 - t.y0;
+        for (const auto& [w, h] : {std::pair{1000, 700}, std::pair{300, 200}, std::pair{250, 400}}) {
+            for (int mode = kFitStretchAll; mode <= kFitStretchWidth; ++mode) {
+                SCOPED_TRACE(testing::Message() << "area " << area << " mode " << mode << " " << w << "x" << h);
+                const Image out =
+                    Fitted(MakeImage(w, h, [&](int, int) { return c; }), MakeFitWord(mode, area, kResizeBiLinear));
+                int wrong = 0;
+                const Rect r = ContentOf(out, c, &wrong);
+                EXPECT_EQ(wrong, 0);
+                EXPECT_TRUE(r.x0 >= t.x0 && r.y0 >= t.y0 && r.x1 <= t.x1 && r.y1 <= t.y1) << r;
+                EXPECT_LE(std::abs((r.x0 - t.x0) - (t.x1 - r.x1)), 1) << r;
+                EXPECT_LE(std::abs((r.y0 - t.y0) - (t.y1 - r.y1)), 1) << r;
+                const int rw = r.x1 - r.x0, rh = r.y1 - r.y0;
+                switch (mode) {
+                case kFitStretchAll: EXPECT_EQ(r, t); break;
+                case kFitHeight: EXPECT_EQ(rh, Th); EXPECT_EQ(rw, std::min(Tw, w * Th / h)); break;
+                case kFitWidth: EXPECT_EQ(rw, Tw); EXPECT_EQ(rh, std::min(Th, h * Tw / w)); break;
+                case kFitAll:
+                    EXPECT_TRUE(rw == Tw || rh == Th) << r;
+                    EXPECT_NEAR(double(rw) / rh, double(w) / h, 0.01) << r;
+                    break;
+                case kFitStretchHeight: EXPECT_EQ(rh, Th); EXPECT_EQ(rw, std::min(w, Tw)); break;
+                case kFitStretchWidth: EXPECT_EQ(rw, Tw); EXPECT_EQ(rh, std::min(h, Th)); break;
+                }
+            }
+        }
     }
 }
 
