@@ -111,8 +111,8 @@ struct SubstituteRecorder::Device : Object {
 struct SubstituteRecorder::Item : Object {
     ~Item() override
     {
-        // The last item of a clip being written records its length in the header.
-        if (writer && writer.use_count() == 1) writer->Finish(nullptr);
+        // Each released item of a clip being written records the clip's length in the header.
+        if (writer) writer->Finish(nullptr);
     }
     std::shared_ptr<ClipWriter> writer;  // shared by the clip's video and alpha items
     std::string path;                    // items opened for reading
@@ -172,6 +172,10 @@ Status SubstituteRecorder::OpenDevice(std::int32_t deviceName, bool initialised,
     d->config = LoadRecorderConfig();
     if (!d->config.problem.empty()) return Fail(Status::Failed, "recorder configuration: " + d->config.problem);
     d->initialised = initialised;
+    // The default recording folder exists from the first open on, so a host can record into
+    // it without preparing anything.
+    std::error_code ec;
+    std::filesystem::create_directories(d->config.volume, ec);
     *handle = Add(d);
     return Status::Ok;
 }

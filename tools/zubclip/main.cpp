@@ -19,12 +19,12 @@ using namespace zub::rec;
 
 namespace {
 
-const char* TypeName(std::int32_t type)
+const char* TypeName(std::int32_t type, bool key)
 {
     switch (type) {
     case 0: return "none";
-    case 1: return "compressed (JPEG fields, 4:2:2)";
-    case 3: return "uncompressed (8-bit 4:2:2)";
+    case 1: return key ? "compressed (greyscale JPEG fields)" : "compressed (JPEG fields, 4:2:2)";
+    case 3: return key ? "uncompressed (8-bit 4:2:2, key in the luma)" : "uncompressed (8-bit 4:2:2)";
     default: return "unknown";
     }
 }
@@ -57,10 +57,10 @@ int Info(const std::string& path, bool frames)
     std::printf("frames readable: video %u", r->FramesReadable(kVideo));
     if (h.alphaType) std::printf(", key %u", r->FramesReadable(kAlpha));
     std::printf("\n");
-    std::printf("video: type %d %s, rate %s, %u bytes per frame\n", h.videoType, TypeName(h.videoType),
+    std::printf("video: type %d %s, rate %s, %u bytes per frame\n", h.videoType, TypeName(h.videoType, false),
                 Rate(h.videoRate).c_str(), h.videoSlot);
     if (h.alphaType)
-        std::printf("key: type %d %s, rate %s, %u bytes per frame\n", h.alphaType, TypeName(h.alphaType),
+        std::printf("key: type %d %s, rate %s, %u bytes per frame\n", h.alphaType, TypeName(h.alphaType, true),
                     Rate(h.alphaRate).c_str(), h.alphaSlot);
     else
         std::printf("key: none\n");
