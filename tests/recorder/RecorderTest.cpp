@@ -7,6 +7,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <algorithm>
 #include <random>
 #include <thread>
 
@@ -396,6 +397,91 @@ TEST_P(RecorderTest, RefusesFramesItCannotTake)
     spec.videoRate = 1000;
     EXPECT_EQ(dev.CreateClipItem(spec, items), ClipStatus::Failed);
     EXPECT_FALSE(std::filesystem::exists(spec.path));
+}
+
+TEST_P(RecorderTest, ServerAnd24BitFrames)
+{
+    ClipSpec spec;
+    spec.path = Clip("layouts.zub");
+    spec.frames = 3;
+    spec.videoRate = -1;
+    spec.videoUncompressed = true;
+    ClipItems items;
+    ASSERT_EQ(dev.CreateClipItem(spec, items), ClipStatus::Ok);
+    FrameImport f;
+    f.videoItem = items.video;
+    f.videoRate = -1;
+    f.videoType = 3;
+
+    // Server mode: 4:2:2 rows in picture order, stored as they come.
+    std::vector<std::uint8_t> server(40 + 720 * 486 * 2);
+    BITMAPINFOHEADER bi{};
+    bi.biSize = 40;
+    bi.biWidth = 720;
+    bi.biHeight = 486;
+    bi.biPlanes = 1;
+    bi.biBitCount = 16;
+    std::memcpy(server.data(), &bi, 40);
+    std::mt19937 rng(7);
+    for (std::size_t i = 40; i < server.size(); ++i) server[i] = static_cast<std::uint8_t>(16 + rng() % 220);
+    f.frame = 0;
+    f.data = server.data();
+    f.source = FrameSource::Server;
+    ASSERT_EQ(dev.ImportFrame(f), 1) << CRecorderDevice::GetError();
+
+    // 24 bits: rows of 2160 bytes (already a multiple of 4), bottom-up.
+    const Picture pic = Representable(9);
+    std::vector<std::uint8_t> rgb(40 + 720 * 486 * 3);
+    bi.biBitCount = 24;
+    std::memcpy(rgb.data(), &bi, 40);
+    for (int y = 0; y < 486; ++y)
+        for (int x = 0; x < 720; ++x)
+            std::memcpy(&rgb[40 + (static_cast<std::size_t>(485 - y) * 720 + x) * 3], pic.At(x, y), 3);
+    f.frame = 1;
+    f.data = rgb.data();
+    f.source = FrameSource::Bits24;
+    ASSERT_EQ(dev.ImportFrame(f), 1) << CRecorderDevice::GetError();
+    Release(items);
+
+    std::string error;
+    auto r = rec::ClipReader::Open(spec.path, &error);
+    ASSERT_TRUE(r) << error;
+    std::vector<std::uint8_t> f1, f2;
+    ASSERT_TRUE(r->ReadStored(rec::kVideo, 0, f1, f2, &error)) << error;
+    EXPECT_TRUE(std::equal(f1.begin(), f1.end(), server.begin() + 40));
+    const auto png = ReadPng(Name(Export(spec.path), "frame", 1));
+    ASSERT_EQ(png.size(), pic.bgra.size());
+    std::size_t differ = 0;
+    for (std::size_t k = 0; k < png.size(); k += 4)
+        differ += png[k] != pic.bgra[k] || png[k + 1] != pic.bgra[k + 1] || png[k + 2] != pic.bgra[k + 2];
+    EXPECT_EQ(differ, 0u);
+}
+
+TEST_P(RecorderTest, ContactSheet)
+{
+    ClipSpec spec;
+    spec.path = Clip("sheet.zub");
+    spec.frames = 6;
+    spec.videoRate = kRate;
+    Release(Record(spec, 6));
+    const std::string sheet = out / "sheet.png";
+    int status = -1;
+    Shell(std::string(ZUBCLIP) + " sheet '" + spec.path + "' -o '" + sheet + "' --count 6 --columns 3 >/dev/null",
+          &status);
+    ASSERT_EQ(status, 0);
+    // Three 180 x 121 tiles a row, two rows, 4-pixel gaps.
+    EXPECT_EQ(Shell("ffprobe -v error -show_entries stream=width,height -of csv=p=0 '" + sheet + "'"), "556,254\n");
+    // The last tile is the last frame: its mean colour matches the frame's.
+    const auto png = ReadPng(sheet);
+    ASSERT_EQ(png.size(), 556u * 254 * 4);
+    const auto src = SourceBgra(5);
+    for (int c = 0; c < 3; ++c) {
+        double tile = 0, frame = 0;
+        for (int y = 0; y < 121; ++y)
+            for (int x = 0; x < 180; ++x) tile += png[((129 + y) * 556 + 372 + x) * 4 + c];
+        for (std::size_t k = 0; k < src.size(); k += 4) frame += src[k + c];
+        EXPECT_NEAR(tile / (121 * 180), frame / (src.size() / 4), 4.0) << "channel " << c;
+    }
 }
 
 TEST_P(RecorderTest, ImportsFromSeveralThreads)
