@@ -64,11 +64,8 @@ OSErr InitializeQTML(long /*flags*/)
 
 void TerminateQTML() {}
 
-OSErr EnterMovies()
-{
-    av_log_set_level(AV_LOG_ERROR);
-    return noErr;
-}
+// FFmpeg's log level is the host's to choose; the toolbox leaves it alone.
+OSErr EnterMovies() { return noErr; }
 
 void ExitMovies() {}
 
