@@ -86,33 +86,39 @@ bool DecodeGraph::Build(const std::string& path, StreamKind kind, ChainBuilder b
     return true;
 }
 
-void DecodeGraph::Park(GstPad* pad)
+void DecodeGraph::Park(GstBin* pipeline, GstPad* pad)
 {
     GstElement* sink = gst_element_factory_make("fakesink", nullptr);
     if (!sink) return;  // an unlinked stream is tolerated by the demuxers
     g_object_set(sink, "sync", FALSE, "async", FALSE, nullptr);
-    gst_bin_add(GST_BIN(pipeline_.get()), sink);
+    gst_bin_add(pipeline, sink);
     gst_element_sync_state_with_parent(sink);
     Ref<GstPad> sinkPad(gst_element_get_static_pad(sink, "sink"));
     gst_pad_link(pad, sinkPad.get());
 }
 
-void DecodeGraph::OnPadAdded(GstElement*, GstPad* pad, gpointer data)
+void DecodeGraph::OnPadAdded(GstElement* decodebin, GstPad* pad, gpointer data)
 {
     auto* self = static_cast<DecodeGraph*>(data);
+    const CallbackMark mark;
+    // The pipeline is reached through the element, never through pipeline_, which the owner's
+    // thread may be clearing while it takes the graph down.
+    Ref<GstObject> parent(gst_object_get_parent(GST_OBJECT(decodebin)));
+    if (!parent) return;
+    GstBin* pipeline = GST_BIN(parent.get());
     CapsPtr caps(gst_pad_get_current_caps(pad));
     if (!caps) caps.reset(gst_pad_query_caps(pad, nullptr));
     const char* type = MediaTypeOf(caps.get());
     const char* raw = self->kind_ == StreamKind::Video ? "video/x-raw" : "audio/x-raw";
     if (std::strcmp(type, raw) != 0 || self->linked_.exchange(true)) {
-        self->Park(pad);
+        self->Park(pipeline, pad);
         return;
     }
     std::string why;
-    GstElement* head = self->builder_(GST_BIN(self->pipeline_.get()), caps.get(), &why);
+    GstElement* head = self->builder_(pipeline, caps.get(), &why);
     if (!head) {
         self->SetError(why);
-        self->Park(pad);
+        self->Park(pipeline, pad);
         return;
     }
     Ref<GstPad> sinkPad(gst_element_get_static_pad(head, "sink"));
@@ -123,6 +129,7 @@ void DecodeGraph::OnPadAdded(GstElement*, GstPad* pad, gpointer data)
 gboolean DecodeGraph::OnAutoplugContinue(GstElement*, GstPad* pad, GstCaps* caps, gpointer data)
 {
     auto* self = static_cast<DecodeGraph*>(data);
+    const CallbackMark mark;
     if (self->Wanted(MediaTypeOf(caps))) return TRUE;
     // A stream of the other kind straight out of a demuxer is left undecoded; anything else
     // (the file itself, a container inside a container) is still unpacked.
@@ -136,6 +143,7 @@ gboolean DecodeGraph::OnAutoplugContinue(GstElement*, GstPad* pad, GstCaps* caps
 void DecodeGraph::OnUnknownType(GstElement*, GstPad*, GstCaps* caps, gpointer data)
 {
     auto* self = static_cast<DecodeGraph*>(data);
+    const CallbackMark mark;
     if (!self->Wanted(MediaTypeOf(caps))) return;
     CharPtr text(gst_caps_to_string(caps));
     self->SetError(std::string("no decoder installed for ") + (text ? text.get() : "this stream"));
@@ -162,6 +170,7 @@ bool DecodeGraph::Preroll(std::string* error)
         return false;
     };
     if (!pipeline_) return fail("nothing to open");
+    HandOver();
     Ref<GstBus> bus(gst_element_get_bus(pipeline_.get()));
     const GstStateChangeReturn rc = gst_element_set_state(pipeline_.get(), GST_STATE_PAUSED);
     if (rc == GST_STATE_CHANGE_FAILURE) {
@@ -188,6 +197,7 @@ bool DecodeGraph::Preroll(std::string* error)
 
 bool DecodeGraph::Play(std::string* error)
 {
+    HandOver();
     if (!pipeline_ || gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
         PollEnd();
         std::string why = Error();
@@ -219,7 +229,10 @@ bool DecodeGraph::Drain(int timeoutMs)
 
 void DecodeGraph::Shutdown()
 {
+    // Down to NULL first, joining the streaming threads, and only then let go of the pointer.
+    if (pipeline_) gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
     pipeline_.reset();
+    HandOver();
     linked_ = false;
 }
 

@@ -52,8 +52,12 @@ private:
     static void OnUnknownType(GstElement* decodebin, GstPad* pad, GstCaps* caps, gpointer self);
     void SetError(const std::string& why);
     bool Wanted(const char* mediaType) const;
-    void Park(GstPad* pad);
+    static void Park(GstBin* pipeline, GstPad* pad);
     bool TakeMessage(GstMessage* msg);
+    struct CallbackMark {
+        CallbackMark() { HandOver(); }
+        ~CallbackMark() { HandOver(); }
+    };
 
     std::string path_;
     StreamKind kind_ = StreamKind::Video;
@@ -61,7 +65,8 @@ private:
     PipelinePtr pipeline_;
     std::atomic<bool> linked_{false};
     bool ended_ = false;
-    mutable std::mutex mutex_;  // guards error_ (written by streaming threads too)
+    // Guards error_, which streaming threads write too.
+    mutable std::mutex mutex_;
     std::string error_;
 };
 

@@ -96,6 +96,10 @@ GstPad* CGraphVideoReader::SinkPin() const
 
 int CGraphVideoReader::Deliver(void* appsinkPtr)
 {
+    struct Mark {
+        Mark() { gst::HandOver(); }
+        ~Mark() { gst::HandOver(); }
+    } const mark;
     gst::SamplePtr sample(gst_app_sink_pull_sample(GST_APP_SINK(appsinkPtr)));
     if (!sample) return GST_FLOW_FLUSHING;
     if (stopRequested_) return GST_FLOW_EOS;
@@ -144,6 +148,7 @@ bool CGraphVideoReader::Run(std::string* error)
         return false;
     }
     std::string why;
+    gst::HandOver();
     if (!graph_->Play(&why)) {
         error_ = why;
         if (error) *error = why;
@@ -157,6 +162,7 @@ void CGraphVideoReader::Stop()
     if (graph_) {
         error_ = graph_->Error();
         graph_.reset();  // down to NULL: the streaming threads are joined here
+        gst::HandOver();
     }
     appsink_ = nullptr;
     stopped_ = true;
@@ -180,6 +186,7 @@ std::string CGraphVideoReader::Error() const
 void CGraphVideoReader::Close()
 {
     graph_.reset();
+    gst::HandOver();
     appsink_ = nullptr;
     width_ = height_ = bits_ = 0;
     hasAlpha_ = false;

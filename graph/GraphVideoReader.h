@@ -95,6 +95,7 @@ private:
     std::atomic<std::int64_t> delivered_{0};
     bool stopped_ = false;
     std::vector<std::uint8_t> repack_;  // streaming thread only
+
 };
 
 }  // namespace zub

@@ -4,6 +4,12 @@
 
 namespace zub::gst {
 
+void HandOver()
+{
+    static std::mutex handOver;
+    std::lock_guard<std::mutex> lock(handOver);
+}
+
 bool EnsureInitialised(std::string* error)
 {
     static std::once_flag once;

@@ -56,6 +56,13 @@ using MessagePtr = std::unique_ptr<GstMessage, MessageUnref>;
 using ErrorPtr = std::unique_ptr<GError, ErrorFree>;
 using CharPtr = std::unique_ptr<gchar, GFree>;
 
+// Passes through one process-wide mutex. Called by the owner's thread before it starts a graph
+// and after it has joined one, and by our callbacks on their way in and out: the framework
+// hands work between threads under futex-based locks that race detectors cannot see, and
+// these passes make the same ordering visible to them. The mutex lives in static storage so
+// that no object's allocation needs to be ordered first.
+void HandOver();
+
 // Starts the framework once per process; false (with the reason) when it cannot start.
 bool EnsureInitialised(std::string* error);
 
