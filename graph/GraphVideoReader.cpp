@@ -54,6 +54,8 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
             *reason = "the video converter or the frame sink element is missing";
             return nullptr;
         }
+        // The colour conversion costs more than the decoding: spread it over every core.
+        g_object_set(convert, "n-threads", 0u, nullptr);
         gst::CapsPtr want(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, alpha ? "BGRA" : "BGR", nullptr));
         // Frames go out as fast as they decode: no clock, no preroll copy kept.
         g_object_set(sink, "caps", want.get(), "sync", FALSE, "enable-last-sample", FALSE, "qos", FALSE, nullptr);
