@@ -225,6 +225,40 @@ TEST_F(Media, SinkReturningZeroStopsTheGraph)
     EXPECT_EQ(reader.FramesDelivered(), 10);
 }
 
+TEST_F(Media, RowsArePaddedLikeBitmapRows)
+{
+    // 322 pixels of 3 bytes make 966 bytes a row: bitmap rows carry 2 bytes of padding.
+    zt::MediaSpec spec;
+    spec.width = 322;
+    spec.height = 180;
+    spec.frames = 5;
+    spec.video = zt::VideoCodec::Mjpeg;
+    const std::string path = *dir_ / "odd_width.avi";
+    ASSERT_TRUE(zt::MakeMedia(path, spec));
+    zub::CGraphVideoReader reader;
+    std::string error;
+    ASSERT_TRUE(reader.OpenVideo(path, &error)) << error;
+    struct Strides : zub::IVideoFrameSink {
+        int VideoCallback(const zub::VideoSample& s) override
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            strides.insert(s.stride);
+            numbers.push_back(zt::ReadFrameNumber({s.data, s.width, s.height, s.stride, zt::PixelFormat::Bgr24}));
+            return 1;
+        }
+        std::mutex mutex;
+        std::set<std::ptrdiff_t> strides;
+        std::vector<int> numbers;
+    } sink;
+    reader.SetFrameSink(&sink);
+    ASSERT_TRUE(reader.Run(&error)) << error;
+    ASSERT_TRUE(WaitFinished(reader));
+    reader.Stop();
+    std::lock_guard<std::mutex> lock(sink.mutex);
+    EXPECT_EQ(sink.strides, std::set<std::ptrdiff_t>{968});
+    EXPECT_EQ(sink.numbers, (std::vector<int>{0, 1, 2, 3, 4}));
+}
+
 TEST_F(Media, UnknownFrameRateGivesZeroTimePerFrame)
 {
     zub::CGraphVideoReader reader;
