@@ -36,6 +36,8 @@ __attribute__((used)) const char* __tsan_default_suppressions()
            "called_from_lib:libgstwavenc.so\n"
            "called_from_lib:libgstvorbis.so\n"
            "called_from_lib:libgstpng.so\n"
+           "called_from_lib:libgstjpeg.so\n"
+           "called_from_lib:libjpeg.so.62\n"
            "called_from_lib:libvorbis.so.0\n"
            "called_from_lib:libpng16.so.16\n"
            "called_from_lib:liborc-0.4.so.0\n"
@@ -57,6 +59,7 @@ __attribute__((used)) const char* __tsan_default_suppressions()
            "race_top:libswscale.so\n"
            "race_top:liborc-0.4.so\n"
            "race_top:libvorbis.so\n"
-           "race_top:libpng16.so\n";
+           "race_top:libpng16.so\n"
+           "race_top:libjpeg.so\n";
 }
 }
