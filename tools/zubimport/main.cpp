@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <string>
 
+#include "RecorderDevice.h"
+#include "zubimport/ConvertDlg.h"
 #include "zubimport/Import.h"
 #include "zubimport/ImportSettings.h"
 #include "zubimport/ModuleState.h"
@@ -17,14 +19,38 @@ int NotBuilt(const char* job)
     return 3;
 }
 
-int Status()
+// Opens the recorder the way a host does (through the preference hand-over), reports the
+// video standard, the volume and how much fits on it, and hands the preferences back.
+int Status(int useZub)
 {
     const zub::ModuleState* state = ImportDllGetStaticModuleState();
-    const zub::ImportSettings& s = zub::CurrentSettings();
     std::printf("libImport loaded from: %s\n", state->Folder().c_str());
-    std::printf("video importing folder: %s\n", s.videoDir.empty() ? "(not set)" : s.videoDir.c_str());
-    std::printf("audio importing folder: %s\n", s.audioDir.empty() ? "(not set)" : s.audioDir.c_str());
-    std::printf("video data rate: %d bytes/s%s\n", s.videoDataRate, s.videoUncompressed ? " (uncompressed)" : "");
+
+    zub::CConvertDlgPrefs prefs;
+    prefs.useZub = useZub;
+    prefs.nSetting10 = zub::kDefaultDataRate;
+    prefs.nSetting13 = zub::kDefaultDataRate;
+    if (!zub::CConvertDlg::CopyPrefs(1, prefs)) {
+        std::fprintf(stderr, "zubimport: %s\n", zub::CRecorderDevice::GetError().c_str());
+        return 1;
+    }
+    zub::CRecorderDeviceInfo& rec = zub::TheRecorder();
+    std::string volume;
+    int lines = 0, width = 0, height = 0;
+    if (!rec.QuerySystemPrefs(volume, lines, width, height)) {
+        std::fprintf(stderr, "zubimport: %s\n", zub::CRecorderDevice::GetError().c_str());
+        zub::CConvertDlg::CopyPrefs(0, prefs);
+        return 1;
+    }
+    const zub::ImportSettings& s = zub::CurrentSettings();
+    std::printf("recorder back-end: %s\n", rec.IsZub() ? "ZUB" : "Tbx");
+    std::printf("video standard: %d lines, frame %d x %d\n", rec.lines, rec.frameWidth, rec.frameHeight);
+    std::printf("recorder volume: %s\n", volume.c_str());
+    const int compressed = rec.QueryVolumeSpace(volume.c_str(), s.videoDataRate, 0, false, false);
+    const int uncompressed = rec.QueryVolumeSpace(volume.c_str(), -1, 0, true, false);
+    std::printf("frames that fit (no alpha): %d at %d bytes/s, %d uncompressed\n", compressed, s.videoDataRate,
+                uncompressed);
+    zub::CConvertDlg::CopyPrefs(0, prefs);
     std::printf("jobs built: none yet (convert, imgseq and batch report that they are not built)\n");
     return 0;
 }
@@ -36,7 +62,9 @@ int main(int argc, char** argv)
     CLI::App app{"zubimport - bring outside media into the disk recorder's storage"};
     app.require_subcommand(1);
 
-    auto* status = app.add_subcommand("status", "Show the module and its current settings");
+    auto* status = app.add_subcommand("status", "Open the recorder and show its standard, volume and free space");
+    int useZub = 1;
+    status->add_option("--zub", useZub, "1: the ZUB back-end (default), 0: the Tbx back-end");
     std::string source;
     auto* convert = app.add_subcommand("convert", "Convert one video or audio file into a clip and WAVE audio");
     convert->add_option("source", source, "Media file to convert")->required();
@@ -48,7 +76,7 @@ int main(int argc, char** argv)
 
     CLI11_PARSE(app, argc, argv);
 
-    if (*status) return Status();
+    if (*status) return Status(useZub);
     if (*convert) return NotBuilt("convert");
     if (*imgseq) return NotBuilt("imgseq");
     if (*batch) return NotBuilt("batch");
