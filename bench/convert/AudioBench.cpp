@@ -31,6 +31,7 @@ extern "C" {
 #include "PolyphaseResampler.h"
 #include "TempDir.h"
 #include "TestMedia.h"
+#include "Tool.h"
 #include "zubimport/Prompt.h"
 
 extern char** environ;
@@ -71,17 +72,9 @@ std::vector<std::int16_t> Interleaved48()
     return s;
 }
 
-bool Run(std::vector<std::string> args)
+bool Run(const std::vector<std::string>& args)
 {
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid;
-    if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return false;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return zub::test::Run(args) == 0;
 }
 
 // One channel of a tone at the source rate, staged once; each iteration resamples all of it.

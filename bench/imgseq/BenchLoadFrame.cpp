@@ -13,6 +13,7 @@
 
 #include "ImageFitting.h"
 #include "ImagingLibrary.h"
+#include "Tool.h"
 
 extern char** environ;
 
@@ -22,17 +23,7 @@ constexpr int kFrames = 25;
 const char* const kExt[] = {"tga", "jpg"};
 const char* const kSwsFlags[] = {"neighbor", "bilinear", "bicubic"};
 
-int Run(const std::vector<std::string>& args)
-{
-    std::vector<char*> argv;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid;
-    if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -1;
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using zub::test::Run;
 
 // The stills, made once per run by ffmpeg's test source.
 const std::string& MediaDir()

@@ -22,6 +22,7 @@
 #include "zubimport/Dva.h"
 #include "zubimport/ImportSettings.h"
 #include "zubimport/Prompt.h"
+#include "Tool.h"
 
 namespace zub::audio {
 namespace {
@@ -86,15 +87,7 @@ std::uint32_t Field(const Bytes& b, std::size_t at, int n)
 
 std::string Sox(const std::string& option, const std::string& file)
 {
-    const std::string cmd = "sox --i " + option + " '" + file + "' 2>&1";
-    std::string out;
-    if (FILE* p = popen(cmd.c_str(), "r")) {
-        char buf[256];
-        while (fgets(buf, sizeof buf, p)) out += buf;
-        pclose(p);
-    }
-    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
-    return out;
+    return test::CaptureLine("sox --i " + option + " '" + file + "' 2>&1");
 }
 
 std::string MakeTone(const test::TempDir& dir, const std::string& name, int bits, int rate, int channels, double seconds)

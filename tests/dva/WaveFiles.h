@@ -11,6 +11,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include "Tool.h"
 
 namespace zub::test {
 
@@ -70,14 +71,7 @@ inline bool Exists(const std::string& path) { return std::ifstream(path).good();
 // Output of a command line (paths in tests are made by TempDir and need no quoting).
 inline std::string Run(const std::string& cmd)
 {
-    std::string out;
-    if (FILE* p = popen((cmd + " 2>&1").c_str(), "r")) {
-        std::array<char, 4096> buf;
-        std::size_t n;
-        while ((n = fread(buf.data(), 1, buf.size(), p)) > 0) out.append(buf.data(), n);
-        pclose(p);
-    }
-    return out;
+    return zub::test::Capture(cmd + " 2>&1");
 }
 
 // ffprobe's view of the first audio stream: key=value pairs.

@@ -21,6 +21,7 @@
 #include "GraphVideoReader.h"
 #include "TempDir.h"
 #include "TestMedia.h"
+#include "Tool.h"
 #include "zubimport/DSUtility.h"
 
 namespace zt = zub::testmedia;
@@ -30,14 +31,7 @@ namespace {
 
 std::string RunCommand(const std::string& command)
 {
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
-    std::string out;
-    if (!pipe) return out;
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, pipe.get())) > 0) out.append(buf, n);
-    while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
-    return out;
+    return zub::test::CaptureLine(command);
 }
 
 double Number(const std::string& text)

@@ -15,6 +15,7 @@
 
 #include "ImageFitting.h"
 #include "ImagingLibrary.h"
+#include "Tool.h"
 
 extern char** environ;
 
@@ -63,17 +64,7 @@ inline Bgra Hashed(int x, int y)
 }
 
 // Runs a program with arguments (no shell); its exit status, or -1.
-inline int Run(const std::vector<std::string>& args)
-{
-    std::vector<char*> argv;
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid;
-    if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -1;
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using zub::test::Run;
 
 // Binary PPM (P6) of the colour of an image.
 inline void WritePpm(const std::string& path, const Image& img)

@@ -19,6 +19,7 @@
 #include "QuickTimeSource.h"
 #include "TempDir.h"
 #include "TestMedia.h"
+#include "Tool.h"
 
 // FFmpeg's decoder threads hand frames over with atomics inside libavutil, which is not built
 // for ThreadSanitizer and so looks unsynchronised to it; races reported with FFmpeg's own
@@ -33,17 +34,7 @@ namespace {
 
 namespace tm = zub::testmedia;
 
-std::string Capture(const std::string& command)
-{
-    std::string out;
-    std::FILE* p = ::popen(command.c_str(), "r");
-    if (!p) return out;
-    char buf[65536];
-    std::size_t n = 0;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    ::pclose(p);
-    return out;
-}
+using zub::test::Capture;
 
 std::string Trim(std::string s)
 {

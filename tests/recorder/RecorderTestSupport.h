@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "zubimport/Platform.h"
+#include "Tool.h"
 
 namespace zub::test {
 
@@ -73,15 +74,7 @@ inline Picture TestPicture(int frame, int width = 720, int height = 486, int noi
 
 inline std::string Shell(const std::string& command, int* status = nullptr)
 {
-    std::string out;
-    FILE* f = popen(command.c_str(), "r");
-    if (!f) return out;
-    char buf[65536];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
-    const int rc = pclose(f);
-    if (status) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-    return out;
+    return zub::test::Capture(command, status);
 }
 
 // A PNG as top-down BGRA (or grey), decoded by ffmpeg.

@@ -13,25 +13,16 @@
 
 #include "TempDir.h"
 #include "TestMedia.h"
+#include "Tool.h"
 
 namespace zt = zub::testmedia;
 
 namespace {
 
-std::string RunCommand(const std::string& command)
-{
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
-    std::string out;
-    if (!pipe) return out;
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, pipe.get())) > 0) out.append(buf, n);
-    return out;
-}
 
 std::string Probe(const std::string& path, const std::string& entries, const std::string& stream = "")
 {
-    std::string out = RunCommand("ffprobe -v error " + (stream.empty() ? "" : "-select_streams " + stream + " ") +
+    std::string out = zub::test::Capture("ffprobe -v error " + (stream.empty() ? "" : "-select_streams " + stream + " ") +
                           "-show_entries " + entries + " -of default=nw=1:nk=1 '" + path + "'");
     while (!out.empty() && (out.back() == '\n' || out.back() == '\r')) out.pop_back();
     return out;
@@ -40,7 +31,7 @@ std::string Probe(const std::string& path, const std::string& entries, const std
 // Every frame of a movie as ffmpeg decodes it, resized to w x h.
 std::vector<std::vector<uint8_t>> DecodeFrames(const std::string& path, int w, int h, const char* pixFmt, int bpp)
 {
-    const std::string raw = RunCommand("ffmpeg -v error -i '" + path + "' -fps_mode passthrough -f rawvideo -pix_fmt " + pixFmt + " -s " +
+    const std::string raw = zub::test::Capture("ffmpeg -v error -i '" + path + "' -fps_mode passthrough -f rawvideo -pix_fmt " + pixFmt + " -s " +
                                 std::to_string(w) + "x" + std::to_string(h) + " -");
     std::vector<std::vector<uint8_t>> frames;
     const size_t size = static_cast<size_t>(w) * h * bpp;
@@ -50,7 +41,7 @@ std::vector<std::vector<uint8_t>> DecodeFrames(const std::string& path, int w, i
 
 std::vector<int16_t> DecodeSound(const std::string& path, int channels)
 {
-    const std::string raw = RunCommand("ffmpeg -v error -i '" + path + "' -f s16le -ac " + std::to_string(channels) + " -");
+    const std::string raw = zub::test::Capture("ffmpeg -v error -i '" + path + "' -f s16le -ac " + std::to_string(channels) + " -");
     std::vector<int16_t> s(raw.size() / 2);
     std::memcpy(s.data(), raw.data(), s.size() * 2);
     return s;
@@ -227,11 +218,11 @@ TEST(Wave, SoxReadsFormatAndTheToneIsWhereItShouldBe)
         const std::string path = dir / ("t" + std::to_string(c.bits) + "_" + std::to_string(c.rate) + ".wav");
         std::string error;
         ASSERT_TRUE(zt::MakeWave(path, c.bits, c.rate, c.channels, 0.5, c.hz, c.level, &error)) << error;
-        EXPECT_EQ(RunCommand("soxi -r '" + path + "'"), std::to_string(c.rate) + "\n");
-        EXPECT_EQ(RunCommand("soxi -c '" + path + "'"), std::to_string(c.channels) + "\n");
-        EXPECT_EQ(RunCommand("soxi -b '" + path + "'"), std::to_string(c.bits) + "\n");
-        EXPECT_EQ(RunCommand("soxi -s '" + path + "'"), std::to_string(c.rate / 2) + "\n");
-        const std::string raw = RunCommand("sox '" + path + "' -t raw -e signed -b 16 -");
+        EXPECT_EQ(zub::test::Capture("soxi -r '" + path + "'"), std::to_string(c.rate) + "\n");
+        EXPECT_EQ(zub::test::Capture("soxi -c '" + path + "'"), std::to_string(c.channels) + "\n");
+        EXPECT_EQ(zub::test::Capture("soxi -b '" + path + "'"), std::to_string(c.bits) + "\n");
+        EXPECT_EQ(zub::test::Capture("soxi -s '" + path + "'"), std::to_string(c.rate / 2) + "\n");
+        const std::string raw = zub::test::Capture("sox '" + path + "' -t raw -e signed -b 16 -");
         std::vector<int16_t> pcm(raw.size() / 2);
         std::memcpy(pcm.data(), raw.data(), pcm.size() * 2);
         ASSERT_EQ(pcm.size(), static_cast<size_t>(c.rate / 2 * c.channels));
