@@ -19,6 +19,23 @@ namespace {
 
 thread_local std::string t_error;
 
+// What a file query and an item query both report about a clip, counted on one track.
+void DescribeClip(const ClipReader& r, Track track, ClipFacts& f)
+{
+    const ClipHeader& h = r.Header();
+    f.hasKey = h.alphaType != 0;
+    f.frames = static_cast<std::int32_t>(r.FramesReadable(track));
+    f.capacity = static_cast<std::int32_t>(h.capacity);
+    f.videoType = h.videoType;
+    f.alphaType = h.alphaType;
+    f.videoRate = h.videoRate;
+    f.alphaRate = h.alphaRate;
+    f.width = static_cast<std::int32_t>(h.width);
+    f.height = static_cast<std::int32_t>(h.height);
+    f.rateNumerator = static_cast<std::int32_t>(h.rateNumerator);
+    f.rateDenominator = static_cast<std::int32_t>(h.rateDenominator);
+}
+
 std::string FolderOf(const std::string& path)
 {
     const std::size_t at = path.find_last_of("/\\");
@@ -383,18 +400,7 @@ Status SubstituteRecorder::FileFacts(std::int32_t device, const char* path, Clip
     std::string why;
     auto r = ClipReader::Open(path ? path : "", &why);
     if (!r) return Fail(Status::BadFile, why);
-    const ClipHeader& h = r->Header();
-    f.hasKey = h.alphaType != 0;
-    f.frames = static_cast<std::int32_t>(r->FramesReadable(kVideo));
-    f.capacity = static_cast<std::int32_t>(h.capacity);
-    f.videoType = h.videoType;
-    f.alphaType = h.alphaType;
-    f.videoRate = h.videoRate;
-    f.alphaRate = h.alphaRate;
-    f.width = static_cast<std::int32_t>(h.width);
-    f.height = static_cast<std::int32_t>(h.height);
-    f.rateNumerator = static_cast<std::int32_t>(h.rateNumerator);
-    f.rateDenominator = static_cast<std::int32_t>(h.rateDenominator);
+    DescribeClip(*r, kVideo, f);
     return Status::Ok;
 }
 
@@ -418,19 +424,8 @@ Status SubstituteRecorder::ItemFacts(std::int32_t item, ClipFacts& f, Track& tra
     std::string why;
     auto r = ClipReader::Open(i->path, &why);
     if (!r) return Fail(Status::BadFile, why);
-    const ClipHeader& h = r->Header();
     track = i->track;
-    f.hasKey = h.alphaType != 0;
-    f.frames = static_cast<std::int32_t>(r->FramesReadable(i->track));
-    f.capacity = static_cast<std::int32_t>(h.capacity);
-    f.videoType = h.videoType;
-    f.alphaType = h.alphaType;
-    f.videoRate = h.videoRate;
-    f.alphaRate = h.alphaRate;
-    f.width = static_cast<std::int32_t>(h.width);
-    f.height = static_cast<std::int32_t>(h.height);
-    f.rateNumerator = static_cast<std::int32_t>(h.rateNumerator);
-    f.rateDenominator = static_cast<std::int32_t>(h.rateDenominator);
+    DescribeClip(*r, i->track, f);
     return Status::Ok;
 }
 
