@@ -1,7 +1,9 @@
 // libImportImaging.so: decodes stills to 32-bit BGRA and resizes them. OpenImageIO reads the
 // formats it knows; FFmpeg's image decoders read Sun raster and Alias PIX; raw 4:2:2 frames
-// are read here. Everything behind the C interface of ImagingApi.h.
+// and Softimage PIC (which OpenImageIO reads black when uncompressed) are read here.
+// Everything behind the C interface of ImagingApi.h.
 #include "ImagingApi.h"
+#include "SoftimagePic.h"
 
 #include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
@@ -206,6 +208,19 @@ void DecodeRawYuv(const char* path, const uint8_t* data, std::size_t size, ZubIm
     Fail("%s: a raw 4:2:2 frame of %zu bytes matches no known frame size", path, size);
 }
 
+// ---- Softimage PIC ---------------------------------------------------------------------
+
+void DecodeSoftimagePic(const char* path, const uint8_t* data, std::size_t size, ZubImagingAllocFn alloc,
+                        void* context)
+{
+    std::string why;
+    const auto allocate = [&](int w, int h) {
+        CheckSize(path, w, h);
+        return Allocate(path, alloc, context, w, h);
+    };
+    if (!zub::imaging::DecodeSoftimagePic(data, size, allocate, &why)) Fail("%s: %s", path, why.c_str());
+}
+
 // ---- dispatch --------------------------------------------------------------------------
 
 std::string LowerExtension(const char* path)
@@ -225,7 +240,7 @@ void Decode(const char* path, const uint8_t* data, std::size_t size, ZubImagingA
         const char* ext;
         const char* oiio;
     } kOiio[] = {{"bmp", "bmp"},   {"rgb", "sgi"},  {"sgi", "sgi"},       {"iff", "iff"},
-                 {"jpeg", "jpeg"}, {"jpe", "jpeg"}, {"jpg", "jpeg"},      {"pic", "softimage"},
+                 {"jpeg", "jpeg"}, {"jpe", "jpeg"}, {"jpg", "jpeg"},
                  {"psd", "psd"},   {"rla", "rla"},  {"tga", "targa"},     {"tif", "tiff"},
                  {"tiff", "tiff"}};
     const std::string ext = LowerExtension(path);
@@ -234,6 +249,7 @@ void Decode(const char* path, const uint8_t* data, std::size_t size, ZubImagingA
     if (ext == "sun") return DecodeWithFfmpeg(path, AV_CODEC_ID_SUNRAST, data, size, alloc, context);
     if (ext == "pix") return DecodeWithFfmpeg(path, AV_CODEC_ID_ALIAS_PIX, data, size, alloc, context);
     if (ext == "yuv") return DecodeRawYuv(path, data, size, alloc, context);
+    if (ext == "pic") return DecodeSoftimagePic(path, data, size, alloc, context);
     if (ext == "6rn" || ext == "vpb")
         Fail("%s: no reader for .%s images: the layout of this format is not publicly described", path,
              ext.c_str());
