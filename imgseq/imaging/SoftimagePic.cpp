@@ -43,7 +43,8 @@ std::size_t MinRowBytes(const Packet& p, int width)
     switch (p.encoding) {
     case kUncompressed: return std::size_t(width) * p.count;
     case kPureRunLength: return std::size_t((width + 254) / 255) * (1 + p.count);
-    default: return 1 + p.count;
+    default:  // one short run covers 128 pixels, one long run 65535
+        return width <= 128 ? 1 + p.count : std::size_t((width + 65534) / 65535) * (3 + p.count);
     }
 }
 
