@@ -3,16 +3,47 @@
 // engine; the members here delegate to the engines so they run without any window.
 #pragma once
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "zubimport/Prefs.h"
 
 namespace zub {
 
+class ConvertSession;
+
+// What a host sees of a running conversion: the same figures the dialog's two progress bars
+// show, delivered on the thread that runs the conversion's event loop.
+struct ConvertProgress {
+    unsigned framesDone = 0;
+    unsigned totalFrames = 0;    // the clip's frame budget; 0 before Convert
+    int audioPercent = 0;        // 0..100
+    bool converting = false;     // false once the conversion has ended
+};
+
+// The outcome of the last Modal run, for hosts that report what was made.
+struct ConvertReport {
+    int endCode = 0;             // 1 done, 2 nothing produced or discarded
+    bool converted = false;      // Convert was accepted and a conversion ran
+    bool discarded = false;      // the files were deleted at the end
+    std::string videoPath;       // the clip (.zub), "" when no video was converted
+    std::string audioPath;       // the .wav or .dva, "" when no audio was converted
+    bool madeDva = false;
+    unsigned framesDone = 0;     // frames imported into the clip
+    unsigned totalFrames = 0;    // the clip's frame budget
+    bool alpha = false;          // a key track was made
+    int videoRate = 0;           // bytes per second, -1 uncompressed
+    std::vector<std::string> messages;  // every message shown (or suppressed in batch mode), in order
+    double seconds = 0;          // from Convert to the end
+};
+
 class CConvertDlg {
 public:
-    explicit CConvertDlg(std::string sourcePath = {});
+    // serverMode selects the server frame path (4:2:2 frames placed as they come).
+    explicit CConvertDlg(std::string sourcePath = {}, int serverMode = 0);
     ~CConvertDlg();
     CConvertDlg(const CConvertDlg&) = delete;
     CConvertDlg& operator=(const CConvertDlg&) = delete;
@@ -21,8 +52,25 @@ public:
     // string 10000 and return 0. toModule == 0: copy the settings out, close the recorder.
     static int CopyPrefs(int toModule, CConvertDlgPrefs& prefs);
 
-    // Runs the dialog modally; 1 = done, 2 = nothing produced.
+    // Runs the dialog modally; 1 = done, 2 = nothing produced. Without a widgets application
+    // the same conversion runs headless on an event loop (one is made when the host has none),
+    // asking its questions through the module's prompter.
     int Modal(void* parent = nullptr);
+
+    // 1 when some route can open the file for video or audio.
+    static int ConvertableFile(const char* path, int serverFlag);
+    // The files the last conversion made: the .dva alone; or the .wav and then the .zub; or the
+    // .zub; or the .wav.
+    void GetTargetFilePaths(std::string& first, std::string& second) const;
+    // The last message the conversion showed or, in batch mode, would have shown; "" when none.
+    std::string GetResultText() const;
+    const ConvertReport& GetReport() const { return report_; }
+
+    // Hosts: progress as it happens (called on the conversion's thread, about once a second
+    // and at the end), and the Abort button. PressAbort may be called from any thread: it
+    // asks the abort question like the dialog's button, or closes when nothing runs.
+    void SetProgressCallback(std::function<void(const ConvertProgress&)> callback) { progress_ = std::move(callback); }
+    void PressAbort();
 
     void SetReverseDV(int v) { reverseDV_ = v; }
     int GetBatchProcess() const { return batchProcess_; }
@@ -46,20 +94,25 @@ public:
 
     const std::string& SourcePath() const { return source_; }
 
-private:
-public:
     struct AudioState;  // the audio conversion's open files and buffers (convert/audio)
 
 private:
+    friend class ConvertSession;
 
     std::string source_;
+    int serverMode_ = 0;
     int reverseDV_ = 0;
     int batchProcess_ = 0;
     int audioOnly_ = 0;
     int settingsOnly_ = 0;
     int settingsButton_ = 0;
-    int alphaPage_ = 0;
+    int alphaPage_ = 1;
     std::string strSettings_;
+    std::string videoPath_, audioPath_;
+    int convertVideo_ = 0, convertAudio_ = 0, makeDva_ = 0;
+    ConvertReport report_;
+    std::function<void(const ConvertProgress&)> progress_;
+    std::atomic<ConvertSession*> session_{nullptr};
     // shared_ptr: its deleter is bound where AudioState is complete, so this header and the
     // destructor need not see it.
     std::shared_ptr<AudioState> audio_;
