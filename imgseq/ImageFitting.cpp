@@ -145,6 +145,56 @@ bool IsReadableImageName(std::string_view path)
     return false;
 }
 
+namespace {
+
+// The whole file in a buffer kept by the calling thread.
+bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& bytes, std::size_t& length, std::string* error)
+{
+    if (!IsReadableImageName(path))
+        return Fail(error, path + ": not a readable image type (extension '" + ExtensionPart(path) + "')");
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    if (!in) return Fail(error, path + ": cannot open: " + std::strerror(errno));
+    const std::streamoff size = in.tellg();
+    if (size < 0) return Fail(error, path + ": cannot tell its size");
+    if (static_cast<std::uintmax_t>(size) > kMaxFileBytes) return Fail(error, path + ": file too large");
+    try {
+        if (bytes.size() < static_cast<std::size_t>(size)) bytes.resize(static_cast<std::size_t>(size));
+    } catch (const std::bad_alloc&) {
+        return Fail(error, path + ": no memory to read the file");
+    }
+    in.seekg(0);
+    if (!in.read(reinterpret_cast<char*>(bytes.data()), size)) return Fail(error, path + ": short read");
+    length = static_cast<std::size_t>(size);
+    return true;
+}
+
+}  // namespace
+
+bool DescribeImageFile(const std::string& path, ImageFileInfo& info, std::string* error)
+{
+    info = {};
+    thread_local std::vector<std::uint8_t> bytes;
+    std::size_t length = 0;
+    const bool read = ReadWholeFile(path, bytes, length, error);
+    struct Trim {
+        std::vector<std::uint8_t>& v;
+        ~Trim()
+        {
+            if (v.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(v);
+        }
+    } trim{bytes};
+    if (!read) return false;
+    std::string why;
+    const ZubImagingApi* api = ImagingLibrary(&why);
+    if (!api) return Fail(error, path + ": " + why);
+    std::int32_t w = 0, h = 0, ch = 0, bits = 0;
+    char message[1024] = {};
+    if (!api->describe(path.c_str(), bytes.data(), length, &w, &h, &ch, &bits, message, sizeof message))
+        return Fail(error, message[0] ? message : path + ": cannot read the header");
+    info = {w, h, ch, bits};
+    return true;
+}
+
 bool ReadImageFile(const std::string& path, Image& image, std::string* error)
 {
     image.Release();

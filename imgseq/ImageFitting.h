@@ -116,6 +116,16 @@ bool IsReadableImageName(std::string_view path);
 // Reads and decodes the file into a 32-bit BGRA image.
 bool ReadImageFile(const std::string& path, Image& image, std::string* error = nullptr);
 
+// What the file's header says: size, and channels and bits per channel as stored (0 when
+// the reader cannot tell).
+struct ImageFileInfo {
+    int width = 0;
+    int height = 0;
+    int channels = 0;
+    int bitsPerChannel = 0;
+};
+bool DescribeImageFile(const std::string& path, ImageFileInfo& info, std::string* error = nullptr);
+
 // The single steps, in place.
 bool ShiftDownOneScanline(Image& image, std::string* error = nullptr);
 bool SwapFieldScanlines(Image& image, std::string* error = nullptr);

@@ -36,18 +36,4 @@ ModuleState* ImportDllGetStaticModuleState()
     return &TheModuleState();
 }
 
-// The two dialogs come with the image sequence and batch import; until they exist the entry
-// points refuse loudly instead of pretending to have run.
-int StartBatchImpDlg(CBatchImpPrefsInfo* prefs)
-{
-    (void)prefs;
-    std::fprintf(stderr, "libImport: StartBatchImpDlg: the batch import is not built yet\n");
-    return 0;
-}
-
-int StartImgSeqDlg(CImgSeqPrefsInfo* prefs)
-{
-    (void)prefs;
-    std::fprintf(stderr, "libImport: StartImgSeqDlg: the image sequence import is not built yet\n");
-    return 0;
-}
+// StartBatchImpDlg lives with the batch run, StartImgSeqDlg with the image sequence run.

@@ -234,17 +234,18 @@ std::string LowerExtension(const char* path)
     return ext;
 }
 
+// Extensions read by OpenImageIO, with its reader's name.
+constexpr struct {
+    const char* ext;
+    const char* oiio;
+} kOiioReaders[] = {{"bmp", "bmp"},   {"rgb", "sgi"},  {"sgi", "sgi"},   {"iff", "iff"},
+                    {"jpeg", "jpeg"}, {"jpe", "jpeg"}, {"jpg", "jpeg"},  {"psd", "psd"},
+                    {"rla", "rla"},   {"tga", "targa"}, {"tif", "tiff"}, {"tiff", "tiff"}};
+
 void Decode(const char* path, const uint8_t* data, std::size_t size, ZubImagingAllocFn alloc, void* context)
 {
-    static const struct {
-        const char* ext;
-        const char* oiio;
-    } kOiio[] = {{"bmp", "bmp"},   {"rgb", "sgi"},  {"sgi", "sgi"},       {"iff", "iff"},
-                 {"jpeg", "jpeg"}, {"jpe", "jpeg"}, {"jpg", "jpeg"},
-                 {"psd", "psd"},   {"rla", "rla"},  {"tga", "targa"},     {"tif", "tiff"},
-                 {"tiff", "tiff"}};
     const std::string ext = LowerExtension(path);
-    for (const auto& e : kOiio)
+    for (const auto& e : kOiioReaders)
         if (ext == e.ext) return DecodeWithOiio(path, e.oiio, data, size, alloc, context);
     if (ext == "sun") return DecodeWithFfmpeg(path, AV_CODEC_ID_SUNRAST, data, size, alloc, context);
     if (ext == "pix") return DecodeWithFfmpeg(path, AV_CODEC_ID_ALIAS_PIX, data, size, alloc, context);
@@ -364,7 +365,70 @@ int ResizeEntry(const uint8_t* src, int32_t sw, int32_t sh, int32_t sstride, uin
     return 0;
 }
 
-const ZubImagingApi kApi = {ZUB_IMAGING_API_VERSION, DecodeEntry, ResizeEntry};
+// Only the header: OpenImageIO's readers answer from it; the readers of our own and FFmpeg's
+// decode the picture (they are small formats) and say nothing about the stored depth.
+void Describe(const char* path, const uint8_t* data, std::size_t size, int32_t* w, int32_t* h, int32_t* channels,
+              int32_t* bits)
+{
+    *channels = 0;
+    *bits = 0;
+    const std::string ext = LowerExtension(path);
+    for (const auto& e : kOiioReaders)
+        if (ext == e.ext) {
+            auto in = OIIO::ImageInput::create(e.oiio);
+            if (!in) Fail("%s: no %s reader: %s", path, e.oiio, OIIO::geterror().c_str());
+            OIIO::Filesystem::IOMemReader memory(data, size);
+            if (in->supports("ioproxy")) in->set_ioproxy(&memory);
+            OIIO::ImageSpec spec;
+            if (!in->open(path, spec)) Fail("%s: %s", path, in->geterror().c_str());
+            CheckSize(path, spec.width, spec.height);
+            *w = spec.width;
+            *h = spec.height;
+            *channels = spec.nchannels;
+            *bits = static_cast<int32_t>(spec.format.size() * 8);
+            in->close();
+            return;
+        }
+    struct Size {
+        int32_t w = 0, h = 0;
+    } size2;
+    std::vector<uint8_t> scratch;
+    struct Ctx {
+        Size* size;
+        std::vector<uint8_t>* scratch;
+    } ctx{&size2, &scratch};
+    const ZubImagingAllocFn alloc = [](void* c, int32_t width, int32_t height) -> uint8_t* {
+        auto* x = static_cast<Ctx*>(c);
+        x->size->w = width;
+        x->size->h = height;
+        x->scratch->resize(static_cast<std::size_t>(width) * height * 4);
+        return x->scratch->data();
+    };
+    Decode(path, data, size, alloc, &ctx);
+    *w = size2.w;
+    *h = size2.h;
+}
+
+int DescribeEntry(const char* path, const uint8_t* data, size_t size, int32_t* w, int32_t* h, int32_t* channels,
+                  int32_t* bits, char* error, size_t errorSize)
+{
+    try {
+        if (!path || (!data && size) || !w || !h || !channels || !bits) Fail("describe: missing argument");
+        Describe(path, data, size, w, h, channels, bits);
+        return 1;
+    } catch (const Failure& f) {
+        CopyMessage(f.message, error, errorSize);
+    } catch (const std::bad_alloc&) {
+        CopyMessage(std::string(path ? path : "") + ": out of memory", error, errorSize);
+    } catch (const std::exception& e) {
+        CopyMessage(std::string(path ? path : "") + ": " + e.what(), error, errorSize);
+    } catch (...) {
+        CopyMessage(std::string(path ? path : "") + ": reader failed", error, errorSize);
+    }
+    return 0;
+}
+
+const ZubImagingApi kApi = {ZUB_IMAGING_API_VERSION, DecodeEntry, ResizeEntry, DescribeEntry};
 
 }  // namespace
 

@@ -13,7 +13,7 @@
 extern "C" {
 #endif
 
-#define ZUB_IMAGING_API_VERSION 1u
+#define ZUB_IMAGING_API_VERSION 2u
 #define ZUB_IMAGING_ENTRY "ZubImagingGetApi"
 
 // Resize filters, numbered as the fitting asks for them.
@@ -36,6 +36,11 @@ typedef struct ZubImagingApi {
     int (*resize)(const uint8_t* src, int32_t srcWidth, int32_t srcHeight, int32_t srcStride, uint8_t* dst,
                   int32_t dstWidth, int32_t dstHeight, int32_t dstStride, int32_t filter, char* error,
                   size_t errorSize);
+    // What the file's header says, without decoding the pixels: width, height, channels and
+    // bits per channel as stored. Readers that cannot tell leave channels and bits 0.
+    // Returns 1 on success; 0 with a message.
+    int (*describe)(const char* path, const uint8_t* data, size_t size, int32_t* width, int32_t* height,
+                    int32_t* channels, int32_t* bitsPerChannel, char* error, size_t errorSize);
 } ZubImagingApi;
 
 typedef const ZubImagingApi* (*ZubImagingGetApiFn)(void);
