@@ -69,6 +69,12 @@ inline constexpr std::int32_t kTbxCreateFixedFieldSize = 1 << 1;
 inline constexpr std::int32_t kZubCreateFixedFieldSize = 1 << 0;
 inline constexpr std::int32_t kZubCreateAlpha = 1 << 2;
 
+// Flag bits of the output bus record.
+inline constexpr std::int32_t kZubBusPlayback = 1 << 1;  // the bus follows the played clip
+
+// How the output call fits the image to the frame.
+inline constexpr std::int32_t kZubGfxScaleToFrame = 3;
+
 // Key flag values of the per-file information queries.
 inline constexpr std::int32_t kZubFileHasKey = 4;
 inline constexpr std::int32_t kTbxFileHasKey = 2;
@@ -93,7 +99,7 @@ struct TbxClipCreateIn {       // TbxPlyCreateClipItem input
     std::int32_t frames;
     std::int32_t videoType;
     std::int32_t alphaType;
-    std::int32_t zero[2];
+    std::int32_t reserved[2];
     std::int32_t videoRate;
     std::int32_t alphaRate;
     std::int32_t flags;        // kTbxCreate...
@@ -113,9 +119,9 @@ struct TbxImportRecord {       // TbxPlyImport
     std::int32_t alphaField;
     const void* data;          // 40-byte bitmap header, then the rows
     std::int32_t pixelFormat;
-    std::int32_t one1;
-    std::int32_t one2;
-    std::int32_t zero[2];
+    std::int32_t frameCount;   // frames handed over by this call: 1
+    std::int32_t repeatCount;  // times each frame is laid down: 1
+    std::int32_t reserved[2];
     std::int32_t videoRate;
     std::int32_t alphaRate;
     std::int32_t videoOption;
@@ -138,7 +144,11 @@ struct TbxPreview {            // TbxMixSetPreview
 ZUB_RECORD_SIZE(TbxPreview, 8, 8);
 
 struct TbxM2Routing {          // TbxDcSetM2Routing
-    std::int32_t word[5];
+    std::int32_t videoToOutput;  // the played clip's video on the output: 1
+    std::int32_t keyToOutput;    // its key on the output: 1
+    std::int32_t inputVideo;     // the live input's video passed through: 0
+    std::int32_t inputKey;       // the live input's key passed through: 0
+    std::int32_t enabled;        // the routing takes effect: 1
 };
 ZUB_RECORD_SIZE(TbxM2Routing, 20, 20);
 
@@ -202,16 +212,16 @@ ZUB_RECORD_SIZE(ZubClipCreate, 28, 32);
 struct ZubImportRecord {       // ZubVideoImport
     std::int32_t videoItem;
     std::int32_t alphaItem;
-    std::int32_t zero1;
+    std::int32_t reserved1;
     std::int32_t videoField;
-    std::int32_t zero2;
+    std::int32_t reserved2;
     std::int32_t alphaField;
     std::int32_t pixelFormat;
     const void* data;
-    std::int32_t zero3;
+    std::int32_t reserved3;
     std::int32_t videoType;
     std::int32_t alphaType;
-    std::int32_t zero4[2];
+    std::int32_t reserved4[2];
     std::int32_t videoRate;
     std::int32_t alphaRate;
     std::int32_t videoOption;
@@ -220,17 +230,17 @@ struct ZubImportRecord {       // ZubVideoImport
 ZUB_RECORD_SIZE(ZubImportRecord, 68, 80);
 
 struct ZubGfxImage {           // ZubGfxLoadImage
-    std::int32_t word0;        // 1
-    std::int32_t word1;        // 1
-    std::int32_t word2;        // 0
-    std::int32_t word3;        // 3
-    std::int32_t zero1[3];
-    std::int32_t word7;        // 1
+    std::int32_t channel;      // the output channel: 1
+    std::int32_t frameCount;   // frames in this call: 1
+    std::int32_t layer;        // 0: the video layer
+    std::int32_t scaleMode;    // kZubGfxScaleToFrame
+    std::int32_t reserved1[3];
+    std::int32_t showNow;      // put on the output at once: 1
     std::int32_t pixelFormat;
     std::int32_t uncompressed;
     std::int32_t videoRate;
     const void* data;
-    std::int32_t zero2[6];
+    std::int32_t reserved2[6];
 };
 ZUB_RECORD_SIZE(ZubGfxImage, 72, 80);
 
@@ -243,17 +253,26 @@ struct ZubSystemInfo {         // ZubDdrGetSystemInfo
 ZUB_RECORD_SIZE(ZubSystemInfo, 32, 32);
 
 struct ZubDeviceCaps {         // ZubDdrQueryDeviceCaps
-    std::int32_t word[7];
+    std::int32_t videoChannels;
+    std::int32_t keyChannels;
+    std::int32_t reserved[5];
 };
 ZUB_RECORD_SIZE(ZubDeviceCaps, 28, 28);
 
 struct ZubPreviewBus {         // ZubMixSetPreviewBusCtrl
-    std::int32_t word[3];
+    std::int32_t source;       // 1: the played clip
+    std::int32_t mode;
+    std::int32_t reserved;
 };
 ZUB_RECORD_SIZE(ZubPreviewBus, 12, 12);
 
 struct ZubOutputBus {          // ZubMixGetOutputBusCtrl / ZubMixSetOutputBusCtrl
-    std::int32_t word[6];
+    std::int32_t videoEnabled;
+    std::int32_t keyEnabled;
+    std::int32_t source;
+    std::int32_t bypass;       // the input straight to the output
+    std::int32_t reserved;
+    std::int32_t flags;        // kZubBus...
 };
 ZUB_RECORD_SIZE(ZubOutputBus, 24, 24);
 

@@ -1,55 +1,29 @@
-#include "RecorderBackends.h"
+#include "device/RecorderBackends.h"
 
 #include <dlfcn.h>
 
+#include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
+#include "device/BackendLibrary.h"
 #include "zubimport/ModuleState.h"
 #include "zubimport/Paths.h"
 
 namespace zub {
 
-namespace {
+bool Resolver::Ok(std::string* error) const
+{
+    if (missing_.empty()) return true;
+    if (error) *error = path_ + ": the recorder library has no function " + missing_;
+    return false;
+}
 
-std::mutex g_mutex;
-const rec::ZubApi* g_zubOverride = nullptr;
-const rec::TbxApi* g_tbxOverride = nullptr;
-rec::ZubApi g_zub;
-rec::TbxApi g_tbx;
-bool g_zubLoaded = false;
-bool g_tbxLoaded = false;
+void* Resolver::Symbol(const char* name) const
+{
+    return dlsym(lib_, name);
+}
 
-// Looks up every named function; a missing required one fails the whole table.
-class Resolver {
-public:
-    Resolver(void* lib, std::string path) : lib_(lib), path_(std::move(path)) {}
-
-    template <class Fn>
-    void Need(Fn& slot, const char* name)
-    {
-        slot = reinterpret_cast<Fn>(dlsym(lib_, name));
-        if (!slot && missing_.empty()) missing_ = name;
-    }
-    template <class Fn>
-    void Optional(Fn& slot, const char* name)
-    {
-        slot = reinterpret_cast<Fn>(dlsym(lib_, name));
-    }
-    bool Ok(std::string* error) const
-    {
-        if (missing_.empty()) return true;
-        if (error) *error = path_ + ": the recorder library has no function " + missing_;
-        return false;
-    }
-
-private:
-    void* lib_;
-    std::string path_;
-    std::string missing_;
-};
-
-void* OpenLibrary(const char* name, std::string& path, std::string* error)
+void* OpenRecorderLibrary(const char* name, std::string& path, std::string* error)
 {
     path = RecorderLibraryFolder() + name;
     // RTLD_LOCAL: both libraries carry their own copy of the volume code.
@@ -61,7 +35,26 @@ void* OpenLibrary(const char* name, std::string& path, std::string* error)
     return lib;
 }
 
-}  // namespace
+void CloseRecorderLibrary(void* library)
+{
+    if (library) dlclose(library);
+}
+
+std::string ResultText(std::int32_t result)
+{
+    char buf[32];
+    // Tbx codes read as hex (0xE0040215), ZUB's small negatives as decimal (-29).
+    if (result < -65536)
+        std::snprintf(buf, sizeof buf, "0x%08X", static_cast<unsigned>(result));
+    else
+        std::snprintf(buf, sizeof buf, "%d", static_cast<int>(result));
+    return buf;
+}
+
+std::string Named(const char* path)
+{
+    return std::string(path && *path ? path : "(no path)") + ": ";
+}
 
 std::string RecorderLibraryFolder()
 {
@@ -71,85 +64,22 @@ std::string RecorderLibraryFolder()
 
 const rec::ZubApi* ZubBackend(std::string* error)
 {
-    std::lock_guard lock(g_mutex);
-    if (g_zubOverride) return g_zubOverride;
-    if (g_zubLoaded) return &g_zub;
-    std::string path;
-    void* lib = OpenLibrary(kZubLibraryName, path, error);
-    if (!lib) return nullptr;
-    rec::ZubApi api;
-    Resolver r(lib, path);
-    r.Need(api.ZubDdrOpenDevice, "ZubDdrOpenDevice");
-    r.Need(api.ZubObjReference, "ZubObjReference");
-    r.Need(api.ZubObjDereference, "ZubObjDereference");
-    r.Need(api.ZubDdrGetSystemInfo, "ZubDdrGetSystemInfo");
-    r.Need(api.ZubDdrQueryDeviceCaps, "ZubDdrQueryDeviceCaps");
-    r.Need(api.ZubDdrQueryVolumeSpace, "ZubDdrQueryVolumeSpace");
-    r.Need(api.ZubVideoCreateClipItem, "ZubVideoCreateClipItem");
-    r.Need(api.ZubVideoImport, "ZubVideoImport");
-    r.Need(api.ZubGfxLoadImage, "ZubGfxLoadImage");
-    r.Need(api.ZubDdrSetFileAppInfo, "ZubDdrSetFileAppInfo");
-    r.Need(api.ZubDdrGetFileInfo, "ZubDdrGetFileInfo");
-    r.Need(api.ZubFileQueryInfo, "ZubFileQueryInfo");
-    r.Need(api.ZubMixSetPreviewBusCtrl, "ZubMixSetPreviewBusCtrl");
-    r.Need(api.ZubMixGetOutputBusCtrl, "ZubMixGetOutputBusCtrl");
-    r.Need(api.ZubMixSetOutputBusCtrl, "ZubMixSetOutputBusCtrl");
-    r.Need(api.ZubDdrGetFileSystemPrefs, "ZubDdrGetFileSystemPrefs");
-    r.Optional(api.LastError, "ZubRecorderLastError");
-    if (!r.Ok(error)) {
-        dlclose(lib);
-        return nullptr;
-    }
-    g_zub = api;
-    g_zubLoaded = true;
-    return &g_zub;
+    return ZubLibrary().Get(error);
 }
 
 const rec::TbxApi* TbxBackend(std::string* error)
 {
-    std::lock_guard lock(g_mutex);
-    if (g_tbxOverride) return g_tbxOverride;
-    if (g_tbxLoaded) return &g_tbx;
-    std::string path;
-    void* lib = OpenLibrary(kTbxLibraryName, path, error);
-    if (!lib) return nullptr;
-    rec::TbxApi api;
-    Resolver r(lib, path);
-    r.Need(api.TbxDcOpenEx, "TbxDcOpenEx");
-    r.Need(api.TbxDcInitialize, "TbxDcInitialize");
-    r.Need(api.TbxDcClose, "TbxDcClose");
-    r.Need(api.TbxDcGetVersionInfo, "TbxDcGetVersionInfo");
-    r.Need(api.TbxDcQueryVolumeSpace, "TbxDcQueryVolumeSpace");
-    r.Need(api.TbxPlyCreateClipItem, "TbxPlyCreateClipItem");
-    r.Need(api.TbxPlyImport, "TbxPlyImport");
-    r.Need(api.TbxDereferenceObject, "TbxDereferenceObject");
-    r.Need(api.TbxDcSetAppInfo, "TbxDcSetAppInfo");
-    r.Need(api.TbxMixSetPreview, "TbxMixSetPreview");
-    r.Need(api.TbxDcSetM2Routing, "TbxDcSetM2Routing");
-    r.Need(api.TbxDcGetFileInfo, "TbxDcGetFileInfo");
-    r.Need(api.TbxPlyOpenClipItem, "TbxPlyOpenClipItem");
-    r.Need(api.TbxPlyItemQuery, "TbxPlyItemQuery");
-    r.Need(api.TbxDcGetSystemPrefs, "TbxDcGetSystemPrefs");
-    r.Optional(api.LastError, "TbxRecorderLastError");
-    if (!r.Ok(error)) {
-        dlclose(lib);
-        return nullptr;
-    }
-    g_tbx = api;
-    g_tbxLoaded = true;
-    return &g_tbx;
+    return TbxLibrary().Get(error);
 }
 
 void SetZubBackendForTesting(const rec::ZubApi* api)
 {
-    std::lock_guard lock(g_mutex);
-    g_zubOverride = api;
+    ZubLibrary().SetOverride(api);
 }
 
 void SetTbxBackendForTesting(const rec::TbxApi* api)
 {
-    std::lock_guard lock(g_mutex);
-    g_tbxOverride = api;
+    TbxLibrary().SetOverride(api);
 }
 
 }  // namespace zub

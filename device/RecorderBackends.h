@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "RecorderAbi.h"
+#include "device/RecorderAbi.h"
 
 namespace zub {
 

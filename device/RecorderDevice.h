@@ -7,12 +7,23 @@
 // host's thread; frame import and output calls may come from a media streaming thread while
 // the host's thread only reads `kind`. Failures are returned, never shown; GetError() gives
 // the calling thread's last failure text.
+//
+// Behind the object stands one RecorderBackend per library (device/RecorderBackend.h): open
+// picks one, and every later operation is one call to it.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 namespace zub {
+
+class RecorderBackend;
+
+// Which library the device object has open. The values are the ones the host's records and
+// the device's callers have always seen.
+enum class RecorderKind : int { Closed = -1, Tbx = 0, Zub = 1 };
+
+inline constexpr std::int32_t kNoDevice = -1;  // `handle` of a closed device object
 
 // How the frame handed to ImportFrame / ShowImage is laid out (the pixel-format word of the
 // records, whose values differ by back-end).
@@ -74,8 +85,9 @@ public:
     // Tbx: closes only a device this object opened; ZUB: releases its reference.
     virtual void CloseDevice();
 
-    // A closed object (kind -1) answers as ZUB; callers only ask while a device is open.
-    bool IsZub() const { return kind != 0; }
+    // A closed object answers as ZUB; callers only ask while a device is open.
+    bool IsZub() const { return kind != RecorderKind::Tbx; }
+    bool IsOpen() const { return handle != kNoDevice; }
 
     // Frames of the given rates that fit in the folder of `path` (everything up to and
     // including its last separator); 0 on any failure.
@@ -103,12 +115,15 @@ public:
     // The calling thread's last failure, e.g. "clip.zub: the volume has no space (-29)".
     static std::string GetError();
 
-    int kind = -1;              // 0 Tbx, 1 ZUB, -1 closed
-    std::int32_t handle = -1;   // -1 closed
-    std::uint8_t owned = 0;     // 1: this object opened the Tbx device and closes it
+    RecorderKind kind = RecorderKind::Closed;
+    std::int32_t handle = kNoDevice;
+    bool owned = false;  // this object opened the Tbx device and closes it; false for an adopted one
 
 protected:
     static int Fail(std::string message);
+
+private:
+    RecorderBackend* backend_ = nullptr;  // the library `kind` names, while open
 };
 
 class CRecorderDeviceInfo : public CRecorderDevice {

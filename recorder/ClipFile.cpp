@@ -1,4 +1,4 @@
-#include "ClipFile.h"
+#include "recorder/ClipFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "RecorderAbi.h"
+#include "device/RecorderAbi.h"
 #include "zubimport/Platform.h"
 
 namespace zub::rec {

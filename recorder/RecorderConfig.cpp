@@ -1,4 +1,4 @@
-#include "RecorderConfig.h"
+#include "recorder/RecorderConfig.h"
 
 #include <unistd.h>
 

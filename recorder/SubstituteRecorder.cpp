@@ -1,4 +1,4 @@
-#include "SubstituteRecorder.h"
+#include "recorder/SubstituteRecorder.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -429,14 +429,14 @@ Status SubstituteRecorder::ItemFacts(std::int32_t item, ClipFacts& f, Track& tra
     return Status::Ok;
 }
 
-Status SubstituteRecorder::Bus(std::int32_t device, int which, std::int32_t* words, int count, bool set)
+Status SubstituteRecorder::Bus(std::int32_t device, BusKind which, std::int32_t* words, int count, bool set)
 {
     Status s;
     auto d = FindDevice(device, s);
     if (!d) return s;
     if (!words) return Fail(Status::BadArgument, "no routing record");
-    std::int32_t* state = which == 0 ? d->preview : which == 1 ? d->output : d->routing;
-    const int size = which == 0 ? 3 : which == 1 ? 6 : 5;
+    std::int32_t* state = which == BusKind::Preview ? d->preview : which == BusKind::Output ? d->output : d->routing;
+    const int size = which == BusKind::Preview ? 3 : which == BusKind::Output ? 6 : 5;
     if (count > size) return Fail(Status::BadArgument, "routing record too long");
     std::lock_guard lock(mutex_);
     for (int i = 0; i < count; ++i) {

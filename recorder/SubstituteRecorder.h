@@ -9,13 +9,18 @@
 #include <mutex>
 #include <string>
 
-#include "ClipFile.h"
-#include "RecorderAbi.h"
-#include "RecorderConfig.h"
+#include "device/RecorderAbi.h"
+#include "recorder/ClipFile.h"
+#include "recorder/RecorderConfig.h"
 
 namespace zub::rec {
 
 enum class Status { Ok, Failed, BadHandle, BadArgument, IoError, BadFile, FrameTooBig, Exists, NoSpace, NotInitialised };
+inline constexpr std::size_t kStatusCount = 10;
+
+// The device's routing records the libraries keep: the preview bus, the output bus and the
+// Tbx second-monitor routing.
+enum class BusKind { Preview, Output, Routing };
 
 // How the frame data of an import or output call is laid out.
 enum class PixelKind { Pipeline, Bits24, Server, Unknown };
@@ -72,7 +77,7 @@ public:
     Status FileFacts(std::int32_t device, const char* path, ClipFacts& facts);
     Status OpenClipItem(std::int32_t device, const char* path, std::int32_t& item);
     Status ItemFacts(std::int32_t item, ClipFacts& facts, Track& track);
-    Status Bus(std::int32_t device, int which, std::int32_t* words, int count, bool set);
+    Status Bus(std::int32_t device, BusKind which, std::int32_t* words, int count, bool set);
 
     // The calling thread's last failure.
     static const char* LastError();

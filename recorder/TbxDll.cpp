@@ -2,10 +2,8 @@
 // result; 0xE0040208 means the file exists, 0xE0040215 that the volume has no space; other
 // failures are 0xE004.... codes, and TbxRecorderLastError() tells why. A device must be
 // initialised (TbxDcInitialize) before use.
-#include <cstring>
-
-#include "RecorderAbi.h"
-#include "SubstituteRecorder.h"
+#include "device/RecorderAbi.h"
+#include "recorder/BackendEntry.h"
 
 #define TBX_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -13,37 +11,14 @@ using namespace zub::rec;
 
 namespace {
 
-SubstituteRecorder& Recorder()
-{
-    static SubstituteRecorder recorder(0x7B0001);
-    return recorder;
-}
+// In the order of Status.
+constexpr ResultCodes kCodes = {kTbxOk,      kTbxFailed,      kTbxBadHandle,  kTbxBadArgument, kTbxIoError,
+                                kTbxBadFile, kTbxFrameTooBig, kTbxFileExists, kTbxNoSpace,     kTbxNotInitialised};
 
-std::int32_t Code(Status s)
+BackendEntry& Entry()
 {
-    switch (s) {
-    case Status::Ok: return kTbxOk;
-    case Status::BadHandle: return kTbxBadHandle;
-    case Status::BadArgument: return kTbxBadArgument;
-    case Status::IoError: return kTbxIoError;
-    case Status::BadFile: return kTbxBadFile;
-    case Status::FrameTooBig: return kTbxFrameTooBig;
-    case Status::Exists: return kTbxFileExists;
-    case Status::NoSpace: return kTbxNoSpace;
-    case Status::NotInitialised: return kTbxNotInitialised;
-    case Status::Failed: break;
-    }
-    return kTbxFailed;
-}
-
-PixelKind Kind(std::int32_t word)
-{
-    switch (word) {
-    case kTbxPixelsPipeline: return PixelKind::Pipeline;
-    case kTbxPixels24: return PixelKind::Bits24;
-    case kTbxPixelsServer: return PixelKind::Server;
-    default: return PixelKind::Unknown;
-    }
+    static BackendEntry entry(0x7B0001, kCodes, PixelWords{kTbxPixelsPipeline, kTbxPixels24, kTbxPixelsServer});
+    return entry;
 }
 
 }  // namespace
@@ -55,40 +30,37 @@ TBX_EXPORT const char* TbxRecorderLastError()
 
 TBX_EXPORT std::int32_t TbxDcOpenEx(std::int32_t deviceName, std::int32_t* handle)
 {
-    return Code(Recorder().OpenDevice(deviceName, false, handle));
+    return Entry().Code(Entry().Recorder().OpenDevice(deviceName, false, handle));
 }
 
 TBX_EXPORT std::int32_t TbxDcInitialize(std::int32_t device, std::int32_t mode)
 {
     if (mode != 0 && mode != 1) return kTbxBadArgument;
-    return Code(Recorder().Initialise(device));
+    return Entry().Code(Entry().Recorder().Initialise(device));
 }
 
 TBX_EXPORT std::int32_t TbxDcClose(std::int32_t device)
 {
-    return Code(Recorder().CloseDevice(device));
+    return Entry().Code(Entry().Recorder().CloseDevice(device));
 }
 
 TBX_EXPORT std::int32_t TbxDcGetVersionInfo(std::int32_t device, TbxVersionInfo* info)
 {
-    RecorderConfig c;
     if (!info) return kTbxBadArgument;
-    if (const Status s = Recorder().Config(device, c); s != Status::Ok) return Code(s);
-    *info = Zeroed<TbxVersionInfo>();
-    info->major = 1;
-    info->minor = 0;
-    info->lines = c.lines;
+    auto v = Zeroed<TbxVersionInfo>();
+    std::int32_t width = 0, height = 0;
+    const std::int32_t r = Entry().Standard(device, v.lines, width, height);
+    if (r != kTbxOk) return r;
+    v.major = 1;
+    v.minor = 0;
+    *info = v;
     return kTbxOk;
 }
 
 TBX_EXPORT std::int32_t TbxDcQueryVolumeSpace(std::int32_t device, TbxVolumeSpace* r)
 {
     if (!r) return kTbxBadArgument;
-    std::int32_t frames = 0;
-    const Status s = Recorder().FramesFit(device, r->folder, r->videoRate, r->alphaRate, frames);
-    if (s != Status::Ok) return Code(s);
-    r->framesFit = frames;
-    return kTbxOk;
+    return Entry().FramesFit(device, r->folder, r->videoRate, r->alphaRate, r->framesFit);
 }
 
 TBX_EXPORT std::int32_t TbxPlyCreateClipItem(std::int32_t device, const TbxClipCreateIn* in, TbxClipCreateOut* out)
@@ -104,54 +76,46 @@ TBX_EXPORT std::int32_t TbxPlyCreateClipItem(std::int32_t device, const TbxClipC
     q.videoRate = in->videoRate;
     q.alphaRate = in->alphaRate;
     q.fixedFieldSize = (in->flags & kTbxCreateFixedFieldSize) != 0;
-    std::int32_t video = -1, alphaItem = -1;
-    const Status s = Recorder().CreateClip(device, q, video, alphaItem);
-    if (s != Status::Ok) return Code(s);
-    out->videoItem = video;
-    out->alphaItem = alphaItem;
-    return kTbxOk;
+    return Entry().CreateClip(device, q, out->videoItem, out->alphaItem);
 }
 
 TBX_EXPORT std::int32_t TbxPlyImport(std::int32_t device, const TbxImportRecord* r)
 {
     if (!r) return kTbxBadArgument;
-    return Code(Recorder().Import(device, r->videoItem, r->alphaItem, r->videoField, r->alphaField, r->data,
-                                  Kind(r->pixelFormat)));
+    return Entry().Import(device, r->videoItem, r->alphaItem, r->videoField, r->alphaField, r->data, r->pixelFormat);
 }
 
 TBX_EXPORT std::int32_t TbxDereferenceObject(std::int32_t object)
 {
-    return Code(Recorder().Dereference(object));
+    return Entry().Code(Entry().Recorder().Dereference(object));
 }
 
 TBX_EXPORT std::int32_t TbxDcSetAppInfo(std::int32_t device, const char* path, const std::uint8_t* block)
 {
-    return Code(Recorder().SetAppInfo(device, path, block));
+    return Entry().Code(Entry().Recorder().SetAppInfo(device, path, block));
 }
 
 TBX_EXPORT std::int32_t TbxMixSetPreview(std::int32_t device, const TbxPreview* r)
 {
-    if (!r) return kTbxBadArgument;
-    std::int32_t words[2] = {r->source, r->mode};
-    return Code(Recorder().Bus(device, 0, words, 2, true));
+    TbxPreview copy = r ? *r : TbxPreview{};
+    return Entry().Bus(device, BusKind::Preview, r ? &copy : nullptr, true);
 }
 
 TBX_EXPORT std::int32_t TbxDcSetM2Routing(std::int32_t device, const TbxM2Routing* r)
 {
-    if (!r) return kTbxBadArgument;
-    TbxM2Routing copy = *r;
-    return Code(Recorder().Bus(device, 2, copy.word, 5, true));
+    TbxM2Routing copy = r ? *r : TbxM2Routing{};
+    return Entry().Bus(device, BusKind::Routing, r ? &copy : nullptr, true);
 }
 
 TBX_EXPORT std::int32_t TbxDcGetFileInfo(std::int32_t device, const char* path, TbxFileInfo* info)
 {
     if (!info) return kTbxBadArgument;
     ClipFacts f;
-    Status s = Recorder().FileFacts(device, path, f);
-    if (s != Status::Ok) return Code(s);
+    Status s = Entry().Recorder().FileFacts(device, path, f);
+    if (s != Status::Ok) return Entry().Code(s);
     *info = Zeroed<TbxFileInfo>();
-    s = Recorder().GetAppInfo(device, path, info->appInfo);
-    if (s != Status::Ok) return Code(s);
+    s = Entry().Recorder().GetAppInfo(device, path, info->appInfo);
+    if (s != Status::Ok) return Entry().Code(s);
     info->flags = f.hasKey ? kTbxFileHasKey : 0;
     info->frames = f.frames;
     info->videoType = f.videoType;
@@ -166,7 +130,7 @@ TBX_EXPORT std::int32_t TbxDcGetFileInfo(std::int32_t device, const char* path, 
 TBX_EXPORT std::int32_t TbxPlyOpenClipItem(std::int32_t device, const char* path, std::int32_t* item)
 {
     if (!item) return kTbxBadArgument;
-    return Code(Recorder().OpenClipItem(device, path, *item));
+    return Entry().Code(Entry().Recorder().OpenClipItem(device, path, *item));
 }
 
 TBX_EXPORT std::int32_t TbxPlyItemQuery(std::int32_t item, TbxItemInfo* info)
@@ -174,8 +138,8 @@ TBX_EXPORT std::int32_t TbxPlyItemQuery(std::int32_t item, TbxItemInfo* info)
     if (!info) return kTbxBadArgument;
     ClipFacts f;
     Track t = kVideo;
-    const Status s = Recorder().ItemFacts(item, f, t);
-    if (s != Status::Ok) return Code(s);
+    const Status s = Entry().Recorder().ItemFacts(item, f, t);
+    if (s != Status::Ok) return Entry().Code(s);
     *info = Zeroed<TbxItemInfo>();
     info->frames = f.frames;
     info->capacity = f.capacity;
@@ -186,13 +150,5 @@ TBX_EXPORT std::int32_t TbxPlyItemQuery(std::int32_t item, TbxItemInfo* info)
 
 TBX_EXPORT std::int32_t TbxDcGetSystemPrefs(std::int32_t device, TbxSystemPrefs* prefs)
 {
-    RecorderConfig c;
-    if (!prefs) return kTbxBadArgument;
-    if (const Status s = Recorder().Config(device, c); s != Status::Ok) return Code(s);
-    *prefs = Zeroed<TbxSystemPrefs>();
-    prefs->lines = c.lines;
-    prefs->width = c.Width();
-    prefs->height = c.Height();
-    std::strncpy(prefs->videoFolder, c.volume.c_str(), sizeof prefs->videoFolder - 1);
-    return kTbxOk;
+    return Entry().SystemPrefs(device, prefs);
 }

@@ -1,10 +1,8 @@
 // libZUBDDR.so: the ZUB interface of the substitute recorder. Calls succeed on 0; -28 means
 // the file exists, -29 that the volume has no space; other failures are small negatives, and
 // ZubRecorderLastError() tells why.
-#include <cstring>
-
-#include "RecorderAbi.h"
-#include "SubstituteRecorder.h"
+#include "device/RecorderAbi.h"
+#include "recorder/BackendEntry.h"
 
 #define ZUB_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -12,43 +10,14 @@ using namespace zub::rec;
 
 namespace {
 
-SubstituteRecorder& Recorder()
-{
-    static SubstituteRecorder recorder(0x5A0001);
-    return recorder;
-}
+// In the order of Status.
+constexpr ResultCodes kCodes = {kZubOk,      kZubFailed,     kZubBadHandle,   kZubBadArgument, kZubIoError,
+                                kZubBadFile, kZubFrameTooBig, kZubFileExists, kZubNoSpace,     kZubFailed};
 
-std::int32_t Code(Status s)
+BackendEntry& Entry()
 {
-    switch (s) {
-    case Status::Ok: return kZubOk;
-    case Status::BadHandle: return kZubBadHandle;
-    case Status::BadArgument: return kZubBadArgument;
-    case Status::IoError: return kZubIoError;
-    case Status::BadFile: return kZubBadFile;
-    case Status::FrameTooBig: return kZubFrameTooBig;
-    case Status::Exists: return kZubFileExists;
-    case Status::NoSpace: return kZubNoSpace;
-    case Status::NotInitialised:
-    case Status::Failed: break;
-    }
-    return kZubFailed;
-}
-
-PixelKind Kind(std::int32_t word)
-{
-    switch (word) {
-    case kZubPixelsPipeline: return PixelKind::Pipeline;
-    case kZubPixels24: return PixelKind::Bits24;
-    case kZubPixelsServer: return PixelKind::Server;
-    default: return PixelKind::Unknown;
-    }
-}
-
-void CopyFolder(char (&dst)[kPathBytes], const std::string& folder)
-{
-    std::memset(dst, 0, sizeof dst);
-    std::strncpy(dst, folder.c_str(), sizeof dst - 1);
+    static BackendEntry entry(0x5A0001, kCodes, PixelWords{kZubPixelsPipeline, kZubPixels24, kZubPixelsServer});
+    return entry;
 }
 
 }  // namespace
@@ -60,39 +29,36 @@ ZUB_EXPORT const char* ZubRecorderLastError()
 
 ZUB_EXPORT std::int32_t ZubDdrOpenDevice(std::int32_t deviceName, std::int32_t* handle)
 {
-    return Code(Recorder().OpenDevice(deviceName, true, handle));
+    return Entry().Code(Entry().Recorder().OpenDevice(deviceName, true, handle));
 }
 
 ZUB_EXPORT std::int32_t ZubObjReference(std::int32_t object)
 {
-    return Code(Recorder().Reference(object));
+    return Entry().Code(Entry().Recorder().Reference(object));
 }
 
 ZUB_EXPORT std::int32_t ZubObjDereference(std::int32_t object)
 {
-    return Code(Recorder().Dereference(object));
+    return Entry().Code(Entry().Recorder().Dereference(object));
 }
 
 ZUB_EXPORT std::int32_t ZubDdrGetSystemInfo(std::int32_t device, ZubSystemInfo* info)
 {
-    RecorderConfig c;
     if (!info) return kZubBadArgument;
-    if (const Status s = Recorder().Config(device, c); s != Status::Ok) return Code(s);
-    *info = Zeroed<ZubSystemInfo>();
-    info->lines = c.lines;
-    info->width = c.Width();
-    info->height = c.Height();
-    return kZubOk;
+    auto s = Zeroed<ZubSystemInfo>();
+    const std::int32_t r = Entry().Standard(device, s.lines, s.width, s.height);
+    if (r == kZubOk) *info = s;
+    return r;
 }
 
 ZUB_EXPORT std::int32_t ZubDdrQueryDeviceCaps(std::int32_t device, ZubDeviceCaps* caps)
 {
-    RecorderConfig c;
     if (!caps) return kZubBadArgument;
-    if (const Status s = Recorder().Config(device, c); s != Status::Ok) return Code(s);
+    std::int32_t lines = 0, width = 0, height = 0;
+    if (const std::int32_t r = Entry().Standard(device, lines, width, height); r != kZubOk) return r;
     *caps = Zeroed<ZubDeviceCaps>();
-    caps->word[0] = 1;  // one video channel
-    caps->word[1] = 1;  // with a key channel
+    caps->videoChannels = 1;
+    caps->keyChannels = 1;
     return kZubOk;
 }
 
@@ -100,8 +66,8 @@ ZUB_EXPORT std::int32_t ZubDdrQueryVolumeSpace(std::int32_t device, const ZubVol
 {
     if (!in || !out) return kZubBadArgument;
     std::int32_t frames = 0;
-    const Status s = Recorder().FramesFit(device, in->folder, in->videoRate, in->alphaRate, frames);
-    if (s != Status::Ok) return Code(s);
+    const std::int32_t r = Entry().FramesFit(device, in->folder, in->videoRate, in->alphaRate, frames);
+    if (r != kZubOk) return r;
     *out = Zeroed<ZubVolumeSpace>();
     out->framesFit = frames;
     return kZubOk;
@@ -110,6 +76,7 @@ ZUB_EXPORT std::int32_t ZubDdrQueryVolumeSpace(std::int32_t device, const ZubVol
 ZUB_EXPORT std::int32_t ZubVideoCreateClipItem(std::int32_t device, ZubClipCreate* r)
 {
     if (!r) return kZubBadArgument;
+    // The ZUB record carries no stream types: a rate of -1 is an uncompressed stream.
     ClipRequest q;
     q.path = r->path;
     q.frames = r->frames;
@@ -120,38 +87,32 @@ ZUB_EXPORT std::int32_t ZubVideoCreateClipItem(std::int32_t device, ZubClipCreat
     q.videoRate = r->videoRate;
     q.alphaRate = r->alphaRate;
     q.fixedFieldSize = (r->flags & kZubCreateFixedFieldSize) != 0;
-    std::int32_t video = -1, alpha = -1;
-    const Status s = Recorder().CreateClip(device, q, video, alpha);
-    if (s != Status::Ok) return Code(s);
-    r->videoItem = video;
-    r->alphaItem = alpha;
-    return kZubOk;
+    return Entry().CreateClip(device, q, r->videoItem, r->alphaItem);
 }
 
 ZUB_EXPORT std::int32_t ZubVideoImport(std::int32_t device, const ZubImportRecord* r)
 {
     if (!r) return kZubBadArgument;
-    return Code(Recorder().Import(device, r->videoItem, r->alphaItem, r->videoField, r->alphaField, r->data,
-                                  Kind(r->pixelFormat)));
+    return Entry().Import(device, r->videoItem, r->alphaItem, r->videoField, r->alphaField, r->data, r->pixelFormat);
 }
 
 ZUB_EXPORT std::int32_t ZubGfxLoadImage(std::int32_t device, const ZubGfxImage* r)
 {
     if (!r) return kZubBadArgument;
-    return Code(Recorder().ShowImage(device, r->data, Kind(r->pixelFormat)));
+    return Entry().Code(Entry().Recorder().ShowImage(device, r->data, Entry().Kind(r->pixelFormat)));
 }
 
 ZUB_EXPORT std::int32_t ZubDdrSetFileAppInfo(std::int32_t device, const char* path, const std::uint8_t* block)
 {
-    return Code(Recorder().SetAppInfo(device, path, block));
+    return Entry().Code(Entry().Recorder().SetAppInfo(device, path, block));
 }
 
 ZUB_EXPORT std::int32_t ZubDdrGetFileInfo(std::int32_t device, const char* path, ZubDdrFileInfo* info)
 {
     if (!info) return kZubBadArgument;
     *info = Zeroed<ZubDdrFileInfo>();
-    const Status s = Recorder().GetAppInfo(device, path, info->appInfo);
-    if (s != Status::Ok) return Code(s);
+    const Status s = Entry().Recorder().GetAppInfo(device, path, info->appInfo);
+    if (s != Status::Ok) return Entry().Code(s);
     info->size = static_cast<std::int32_t>(kAppInfoBytes);
     return kZubOk;
 }
@@ -160,8 +121,8 @@ ZUB_EXPORT std::int32_t ZubFileQueryInfo(std::int32_t device, const char* path, 
 {
     if (!info) return kZubBadArgument;
     ClipFacts f;
-    const Status s = Recorder().FileFacts(device, path, f);
-    if (s != Status::Ok) return Code(s);
+    const Status s = Entry().Recorder().FileFacts(device, path, f);
+    if (s != Status::Ok) return Entry().Code(s);
     *info = Zeroed<ZubFileInfo>();
     info->flags = f.hasKey ? kZubFileHasKey : 0;
     info->frames = f.frames;
@@ -179,33 +140,22 @@ ZUB_EXPORT std::int32_t ZubFileQueryInfo(std::int32_t device, const char* path, 
 
 ZUB_EXPORT std::int32_t ZubMixSetPreviewBusCtrl(std::int32_t device, const ZubPreviewBus* r)
 {
-    if (!r) return kZubBadArgument;
-    ZubPreviewBus copy = *r;
-    return Code(Recorder().Bus(device, 0, copy.word, 3, true));
+    ZubPreviewBus copy = r ? *r : ZubPreviewBus{};
+    return Entry().Bus(device, BusKind::Preview, r ? &copy : nullptr, true);
 }
 
 ZUB_EXPORT std::int32_t ZubMixGetOutputBusCtrl(std::int32_t device, ZubOutputBus* r)
 {
-    if (!r) return kZubBadArgument;
-    return Code(Recorder().Bus(device, 1, r->word, 6, false));
+    return Entry().Bus(device, BusKind::Output, r, false);
 }
 
 ZUB_EXPORT std::int32_t ZubMixSetOutputBusCtrl(std::int32_t device, const ZubOutputBus* r)
 {
-    if (!r) return kZubBadArgument;
-    ZubOutputBus copy = *r;
-    return Code(Recorder().Bus(device, 1, copy.word, 6, true));
+    ZubOutputBus copy = r ? *r : ZubOutputBus{};
+    return Entry().Bus(device, BusKind::Output, r ? &copy : nullptr, true);
 }
 
 ZUB_EXPORT std::int32_t ZubDdrGetFileSystemPrefs(std::int32_t device, ZubFileSystemPrefs* prefs)
 {
-    RecorderConfig c;
-    if (!prefs) return kZubBadArgument;
-    if (const Status s = Recorder().Config(device, c); s != Status::Ok) return Code(s);
-    *prefs = Zeroed<ZubFileSystemPrefs>();
-    prefs->lines = c.lines;
-    prefs->width = c.Width();
-    prefs->height = c.Height();
-    CopyFolder(prefs->videoFolder, c.volume);
-    return kZubOk;
+    return Entry().SystemPrefs(device, prefs);
 }

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "RecorderBackends.h"
-#include "RecorderDevice.h"
+#include "device/RecorderBackends.h"
+#include "device/RecorderDevice.h"
 #include "zubimport/Platform.h"
 
 using namespace zub;

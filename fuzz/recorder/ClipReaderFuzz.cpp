@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "ClipFile.h"
+#include "recorder/ClipFile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

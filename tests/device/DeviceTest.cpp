@@ -5,8 +5,8 @@
 #include <cstdlib>
 
 #include "FakeBackends.h"
-#include "RecorderBackends.h"
-#include "RecorderDevice.h"
+#include "device/RecorderBackends.h"
+#include "device/RecorderDevice.h"
 #include "TempDir.h"
 #include "zubimport/ConvertDlg.h"
 #include "zubimport/ImportSettings.h"
@@ -15,6 +15,14 @@
 
 using namespace zub;
 using zub::test::Fake;
+
+namespace zub {
+// Failures name the kind instead of showing its bytes.
+void PrintTo(RecorderKind kind, std::ostream* os)
+{
+    *os << (kind == RecorderKind::Zub ? "Zub" : kind == RecorderKind::Tbx ? "Tbx" : "Closed");
+}
+}  // namespace zub
 
 namespace {
 
@@ -38,31 +46,42 @@ protected:
 TEST_F(DeviceTest, OpeningTwiceFailsAndKeepsTheFirst)
 {
     ASSERT_EQ(dev.OpenDevice(1, 0, 0), 1);
-    EXPECT_EQ(dev.kind, 1);
+    EXPECT_EQ(dev.kind, RecorderKind::Zub);
     EXPECT_EQ(dev.handle, 41);
     Fake().handleToGive = 99;
     EXPECT_EQ(dev.OpenDevice(0, 0, 0), 0);
     EXPECT_EQ(dev.OpenDeviceWithInfo(1, 0, 0), 0);
-    EXPECT_EQ(dev.kind, 1);
+    EXPECT_EQ(dev.kind, RecorderKind::Zub);
     EXPECT_EQ(dev.handle, 41);
     EXPECT_EQ(Fake().Count("ZubDdrOpenDevice"), 1);
     EXPECT_EQ(Fake().Count("TbxDcOpenEx"), 0);
     EXPECT_NE(CRecorderDevice::GetError().find("already open"), std::string::npos);
 }
 
+TEST(DeviceKind, KeepsTheValuesHostsKnow)
+{
+    EXPECT_EQ(static_cast<int>(RecorderKind::Tbx), 0);
+    EXPECT_EQ(static_cast<int>(RecorderKind::Zub), 1);
+    EXPECT_EQ(static_cast<int>(RecorderKind::Closed), -1);
+    CRecorderDeviceInfo closed;
+    EXPECT_EQ(closed.kind, RecorderKind::Closed);
+    EXPECT_EQ(closed.handle, kNoDevice);
+    EXPECT_FALSE(closed.IsOpen());
+}
+
 TEST_F(DeviceTest, AdoptedHandles)
 {
     // Tbx: the host's device is used and never closed from here.
     ASSERT_EQ(dev.OpenDevice(0, 0, 1234), 1);
-    EXPECT_EQ(dev.kind, 0);
-    EXPECT_EQ(dev.owned, 0);
+    EXPECT_EQ(dev.kind, RecorderKind::Tbx);
+    EXPECT_FALSE(dev.owned);
     EXPECT_EQ(dev.handle, 1234);
     EXPECT_FALSE(dev.IsZub());
     dev.CloseDevice();
     EXPECT_EQ(Fake().Count("TbxDcClose"), 0);
     EXPECT_EQ(Fake().Count("TbxDcOpenEx"), 0);
     EXPECT_EQ(dev.handle, -1);
-    EXPECT_EQ(dev.kind, -1);
+    EXPECT_EQ(dev.kind, RecorderKind::Closed);
     EXPECT_TRUE(dev.IsZub());  // a closed object answers as ZUB
 
     // ZUB: a reference is taken, and given back on close.
@@ -84,8 +103,8 @@ TEST_F(DeviceTest, TbxInitialisation)
     Fake().init0Result = -5;
     Fake().init1Result = 0;
     ASSERT_EQ(dev.OpenDevice(0, 3, 0), 1);
-    EXPECT_EQ(dev.kind, 0);
-    EXPECT_EQ(dev.owned, 1);
+    EXPECT_EQ(dev.kind, RecorderKind::Tbx);
+    EXPECT_TRUE(dev.owned);
     EXPECT_EQ(dev.handle, 41);
     EXPECT_EQ(Fake().Count("TbxDcInitialize 41 0"), 1);
     EXPECT_EQ(Fake().Count("TbxDcInitialize 41 1"), 1);
@@ -196,7 +215,7 @@ TEST_F(DeviceTest, CreationRecords)
     EXPECT_EQ(t.frames, 25);
     EXPECT_EQ(t.videoType, 3);
     EXPECT_EQ(t.alphaType, 1);
-    EXPECT_EQ(t.zero[0] | t.zero[1], 0);
+    EXPECT_EQ(t.reserved[0] | t.reserved[1], 0);
     EXPECT_EQ(t.videoRate, -1);
     EXPECT_EQ(t.alphaRate, 3000000);
     EXPECT_EQ(t.flags, 3);
@@ -238,7 +257,9 @@ TEST_F(DeviceTest, ImportAndOutputRecords)
     EXPECT_EQ(t.alphaField, 14);
     EXPECT_EQ(t.data, frame);
     EXPECT_EQ(t.pixelFormat, 16);
-    EXPECT_EQ(t.one1 + t.one2, 2);
+    EXPECT_EQ(t.frameCount, 1);
+    EXPECT_EQ(t.repeatCount, 1);
+    EXPECT_EQ(t.reserved[0] | t.reserved[1], 0);
     EXPECT_EQ(t.videoOption, 0);
     EXPECT_EQ(t.alphaOption, 1);
     f.source = FrameSource::Bits24;
@@ -259,7 +280,7 @@ TEST_F(DeviceTest, ImportAndOutputRecords)
     const auto& z = Fake().zubImport;
     EXPECT_EQ(z.videoField, 14);
     EXPECT_EQ(z.alphaField, 14);
-    EXPECT_EQ(z.zero1 | z.zero2 | z.zero3 | z.zero4[0] | z.zero4[1], 0);
+    EXPECT_EQ(z.reserved1 | z.reserved2 | z.reserved3 | z.reserved4[0] | z.reserved4[1], 0);
     EXPECT_EQ(z.pixelFormat, 6);
     EXPECT_EQ(z.videoType, 1);
     EXPECT_EQ(z.alphaType, 3);
@@ -268,10 +289,12 @@ TEST_F(DeviceTest, ImportAndOutputRecords)
     EXPECT_EQ(dev.ImportFrame(f), 0);
     EXPECT_EQ(dev.ShowImage(frame, FrameSource::Bits24, true, 200), 1);
     const auto& g = Fake().gfx;
-    EXPECT_EQ(g.word0, 1);
-    EXPECT_EQ(g.word1, 1);
-    EXPECT_EQ(g.word3, 3);
-    EXPECT_EQ(g.word7, 1);
+    EXPECT_EQ(g.channel, 1);
+    EXPECT_EQ(g.frameCount, 1);
+    EXPECT_EQ(g.layer, 0);
+    EXPECT_EQ(g.scaleMode, 3);
+    EXPECT_EQ(g.reserved1[0] | g.reserved1[1] | g.reserved1[2], 0);
+    EXPECT_EQ(g.showNow, 1);
     EXPECT_EQ(g.pixelFormat, 2);
     EXPECT_EQ(g.uncompressed, 1);
     EXPECT_EQ(g.videoRate, 200);
@@ -337,14 +360,18 @@ TEST_F(DeviceTest, OutputRouting)
     ASSERT_EQ(dev.SetOutputRouting(), 1);
     EXPECT_EQ(Fake().tbxPreview.source, 2);
     EXPECT_EQ(Fake().tbxPreview.mode, 0);
-    const auto& r = Fake().tbxRouting.word;
-    EXPECT_EQ(std::vector<int>(r, r + 5), (std::vector<int>{1, 1, 0, 0, 1}));
+    const auto& r = Fake().tbxRouting;
+    EXPECT_EQ((std::vector<int>{r.videoToOutput, r.keyToOutput, r.inputVideo, r.inputKey, r.enabled}),
+              (std::vector<int>{1, 1, 0, 0, 1}));
     dev.CloseDevice();
     ASSERT_EQ(dev.OpenDevice(1, 0, 0), 1);
     ASSERT_EQ(dev.SetOutputRouting(), 1);
-    EXPECT_EQ(std::vector<int>(Fake().zubPreview.word, Fake().zubPreview.word + 3), (std::vector<int>{1, 0, 0}));
-    const auto& b = Fake().zubBusSet.word;
-    EXPECT_EQ(std::vector<int>(b, b + 6), (std::vector<int>{1, 1, 9, 0, 0, 6}));
+    const auto& p = Fake().zubPreview;
+    EXPECT_EQ((std::vector<int>{p.source, p.mode, p.reserved}), (std::vector<int>{1, 0, 0}));
+    // Words the module does not set keep what the device gave.
+    const auto& b = Fake().zubBusSet;
+    EXPECT_EQ((std::vector<int>{b.videoEnabled, b.keyEnabled, b.source, b.bypass, b.reserved, b.flags}),
+              (std::vector<int>{1, 1, 9, 0, 0, 6}));
 }
 
 TEST_F(DeviceTest, PerFileInformation)
@@ -406,7 +433,7 @@ TEST_F(DeviceTest, CopyPrefsRoundTrip)
                          &in.nSetting13, &in.nSetting14, &in.nSetting15, &in.nSetting16};
     for (int i = 0; i < 16; ++i) *n[i] = 1000 + i * 7;
     ASSERT_EQ(CConvertDlg::CopyPrefs(1, in), 1);
-    EXPECT_EQ(TheRecorder().kind, 0);
+    EXPECT_EQ(TheRecorder().kind, RecorderKind::Tbx);
     EXPECT_EQ(TheRecorder().mode24p, 1);
     EXPECT_EQ(TheRecorder().frameHeight, 486);
     EXPECT_EQ(CurrentSettings().videoDir, "/vol/video/");

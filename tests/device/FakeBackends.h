@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "RecorderAbi.h"
+#include "device/RecorderAbi.h"
 
 namespace zub::test {
 
@@ -28,7 +28,7 @@ struct FakeRecorder {
     std::int32_t fileFrames = 0;
     bool haveBlock = false;
     std::uint8_t block[256] = {};
-    rec::ZubOutputBus bus{{0, 0, 9, 7, 0, 4}};
+    rec::ZubOutputBus bus{0, 0, 9, 7, 0, 4};
     // What the module handed over.
     rec::TbxClipCreateIn tbxCreate{};
     rec::ZubClipCreate zubCreate{};

@@ -11,10 +11,10 @@
 #include <random>
 #include <thread>
 
-#include "ClipFile.h"
-#include "RecorderAbi.h"
-#include "RecorderBackends.h"
-#include "RecorderDevice.h"
+#include "recorder/ClipFile.h"
+#include "device/RecorderAbi.h"
+#include "device/RecorderBackends.h"
+#include "device/RecorderDevice.h"
 #include "RecorderTestSupport.h"
 #include "TempDir.h"
 
