@@ -1,14 +1,17 @@
-#include "AudioConverter.h"
+#include "convert/audio/AudioConverter.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 
-#include "MmioFile.h"
+#include "convert/audio/ResampleSimd.h"
+#include "dva/DeleteOnFail.h"
+#include "dva/MmioFile.h"
 #include "zubimport/ImportSettings.h"
 #include "zubimport/Prompt.h"
 
@@ -69,26 +72,38 @@ template <bool StereoSource>
 unsigned long ConvertFrames(const std::int16_t* in, unsigned char* out, unsigned long outBytes, int bits, int stereo)
 {
     const bool eight = bits == 8;
-    const int frameBytes = (eight ? 1 : 2) * (stereo ? 2 : 1);
-    unsigned long written = 0;
-    std::size_t f = 0;
-    // Whole frames first; a target length that ends inside a frame gets that frame's first
-    // bytes, so the result is exactly outBytes long whatever the caller asks for.
-    while (written < outBytes) {
-        const std::int16_t left = in[StereoSource ? 2 * f : f];
-        const std::int16_t right = StereoSource ? in[2 * f + 1] : left;
+    const auto frameBytes = static_cast<unsigned long>((eight ? 1 : 2) * (stereo ? 2 : 1));
+    const std::size_t whole = outBytes / frameBytes;
+    auto left = [in](std::size_t f) { return in[StereoSource ? 2 * f : f]; };
+    auto right = [in](std::size_t f) { return in[StereoSource ? 2 * f + 1 : f]; };
+    // One plain loop per layout, so each is a straight run the compiler can vectorise.
+    if (eight && stereo) {
+        for (std::size_t f = 0; f < whole; ++f) {
+            out[2 * f] = SampleTo8Bit(left(f));
+            out[2 * f + 1] = SampleTo8Bit(right(f));
+        }
+    } else if (eight) {
+        for (std::size_t f = 0; f < whole; ++f) out[f] = SampleTo8Bit(left(f));
+    } else if (stereo) {
+        for (std::size_t f = 0; f < whole; ++f) {
+            Put16(out + 4 * f, static_cast<std::uint16_t>(left(f)));
+            Put16(out + 4 * f + 2, static_cast<std::uint16_t>(right(f)));
+        }
+    } else {
+        for (std::size_t f = 0; f < whole; ++f) Put16(out + 2 * f, static_cast<std::uint16_t>(left(f)));
+    }
+    // A target length that ends inside a frame gets that frame's first bytes, so the result is
+    // exactly outBytes long whatever the caller asks for.
+    if (const unsigned long rest = outBytes - whole * frameBytes) {
         unsigned char frame[4];
         if (eight) {
-            frame[0] = SampleTo8Bit(left);
-            frame[1] = SampleTo8Bit(right);
+            frame[0] = SampleTo8Bit(left(whole));
+            frame[1] = SampleTo8Bit(right(whole));
         } else {
-            Put16(frame, static_cast<std::uint16_t>(left));
-            Put16(frame + 2, static_cast<std::uint16_t>(right));
+            Put16(frame, static_cast<std::uint16_t>(left(whole)));
+            Put16(frame + 2, static_cast<std::uint16_t>(right(whole)));
         }
-        const unsigned long n = std::min<unsigned long>(static_cast<unsigned long>(frameBytes), outBytes - written);
-        std::memcpy(out + written, frame, n);
-        written += n;
-        ++f;
+        std::memcpy(out + whole * frameBytes, frame, rest);
     }
     return outBytes;
 }
@@ -198,18 +213,25 @@ unsigned long AudioConverter::ConvertMono(const short* in, unsigned long outByte
 
 int AudioConverter::ReadSamples(long count, unsigned char* buffer, unsigned long offset)
 {
-    if (!source_ || source_->fd < 0 || count <= 0 || !buffer) return 1;
+    ReadAudio(count, buffer, offset);
+    return 1;
+}
+
+std::size_t AudioConverter::ReadAudio(long count, unsigned char* buffer, unsigned long offset)
+{
+    if (!source_ || source_->fd < 0 || count <= 0 || !buffer) return 0;
     auto at = static_cast<off_t>(kHeaderBytes + static_cast<off_t>(offset));
     auto left = static_cast<std::size_t>(count);
+    std::size_t got = 0;
     while (left > 0) {
-        const ssize_t n = ::pread(source_->fd, buffer, left, at);
+        const ssize_t n = ::pread(source_->fd, buffer + got, left, at);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;  // the rest of the buffer keeps what the caller put there (zeros)
-        buffer += n;
+        got += static_cast<std::size_t>(n);
         left -= static_cast<std::size_t>(n);
         at += n;
     }
-    return 1;
+    return got;
 }
 
 int AudioConverter::WriteFailed(const std::string& why)
@@ -221,110 +243,130 @@ int AudioConverter::WriteFailed(const std::string& why)
     return kTargetWriteFailed;
 }
 
-void AudioConverter::ResampleBlock(std::int64_t first, std::size_t count, std::int64_t produced, std::int64_t frames,
-                                   int channels, int bytesPerSample, std::vector<std::int16_t>& inter)
+void AudioConverter::ResampleBlock(const Job& job, std::int64_t first, std::size_t count, std::int64_t produced,
+                                   int channels, std::vector<std::int16_t>& inter)
 {
     // Outputs past the last source position stay zero, as in a zero-filled whole-file buffer.
     const std::int64_t have = std::clamp<std::int64_t>(produced - first, 0, static_cast<std::int64_t>(count));
-    if (have == 0) return;
     const auto n = static_cast<std::size_t>(have);
+    inter.resize(count * static_cast<std::size_t>(channels));
+    std::fill(inter.begin() + static_cast<std::ptrdiff_t>(n * static_cast<std::size_t>(channels)), inter.end(), 0);
+    if (n == 0) return;
 
     std::int64_t begin, end;
     resampler_.SourceSpan(first, n, begin, end);
     const auto span = static_cast<std::size_t>(end - begin);
-    stage_.assign(span * static_cast<std::size_t>(channels), 0);
+    stage_.resize(span * static_cast<std::size_t>(channels));
 
     // Only the part inside the file is read; the margins before the start and after the end
-    // stay zero.
-    const std::int64_t readBegin = std::max<std::int64_t>(begin, 0);
-    const std::int64_t readEnd = std::min(end, frames);
-    if (readEnd > readBegin) {
-        const auto frameBytes = static_cast<std::size_t>(channels * bytesPerSample);
-        const auto readFrames = static_cast<std::size_t>(readEnd - readBegin);
-        raw_.assign(readFrames * frameBytes, 0);
-        ReadSamples(static_cast<long>(raw_.size()), raw_.data(),
-                    static_cast<unsigned long>(readBegin) * static_cast<unsigned long>(frameBytes));
-        const auto skip = static_cast<std::size_t>(readBegin - begin);
+    // are zero.
+    const std::int64_t readBegin = std::clamp<std::int64_t>(begin, 0, std::max<std::int64_t>(job.frames, 0));
+    const std::int64_t readEnd = std::clamp<std::int64_t>(end, readBegin, std::max<std::int64_t>(job.frames, 0));
+    const auto skip = static_cast<std::size_t>(readBegin - begin);
+    const auto readFrames = static_cast<std::size_t>(readEnd - readBegin);
+    for (int c = 0; c < channels; ++c) {
+        std::int16_t* plane = stage_.data() + static_cast<std::size_t>(c) * span;
+        std::fill(plane, plane + skip, 0);
+        std::fill(plane + skip + readFrames, plane + span, 0);
+    }
+    if (readFrames > 0) {
+        const int srcChannels = job.stereo ? 2 : 1;
+        const int bytesPerSample = job.bits / 8;
+        const auto frameBytes = static_cast<std::size_t>(srcChannels * bytesPerSample);
+        raw_.resize(readFrames * frameBytes);
+        // A short read leaves zeros, as an unread part of a zeroed whole-file buffer would.
+        const std::size_t got = ReadAudio(static_cast<long>(raw_.size()), raw_.data(),
+                                            static_cast<unsigned long>(readBegin) * static_cast<unsigned long>(frameBytes));
+        std::fill(raw_.begin() + static_cast<std::ptrdiff_t>(got), raw_.end(), 0);
         const unsigned char* p = raw_.data();
-        for (std::size_t i = 0; i < readFrames; ++i) {
-            for (int c = 0; c < channels; ++c) {
-                std::int16_t s;
-                if (bytesPerSample == 2) {
-                    s = static_cast<std::int16_t>(Le16(p));
-                    p += 2;
-                } else {
-                    s = static_cast<std::int16_t>((*p++ - 128) * 256);
+        std::int16_t* left = stage_.data() + skip;
+        if (bytesPerSample == 2 && std::endian::native == std::endian::little) {
+            const auto* s = reinterpret_cast<const std::int16_t*>(p);
+            if (srcChannels == 1)
+                std::memcpy(left, s, readFrames * 2);
+            else if (channels == 2)
+                simd::Deinterleave(s, readFrames, left, left + span);
+            else
+                for (std::size_t i = 0; i < readFrames; ++i) left[i] = s[2 * i];
+        } else {
+            for (std::size_t i = 0; i < readFrames; ++i) {
+                for (int c = 0; c < srcChannels; ++c) {
+                    std::int16_t v;
+                    if (bytesPerSample == 2) {
+                        v = static_cast<std::int16_t>(Le16(p));
+                        p += 2;
+                    } else {
+                        v = static_cast<std::int16_t>((*p++ - 128) * 256);
+                    }
+                    if (c < channels) left[static_cast<std::size_t>(c) * span + i] = v;
                 }
-                stage_[static_cast<std::size_t>(c) * span + skip + i] = s;
             }
         }
     }
 
-    channelOut_.resize(n);
-    for (int c = 0; c < channels; ++c) {
-        resampler_.Run(first, n, stage_.data() + static_cast<std::size_t>(c) * span, begin, channelOut_.data());
-        for (std::size_t k = 0; k < n; ++k) inter[k * static_cast<std::size_t>(channels) + static_cast<std::size_t>(c)] = channelOut_[k];
-    }
+    if (channels == 2)
+        resampler_.RunStereo(first, n, stage_.data(), stage_.data() + span, begin, inter.data());
+    else
+        resampler_.Run(first, n, stage_.data(), begin, inter.data());
 }
 
-int AudioConverter::Convert(const char* source, const char* target, const AudioTarget& to, IPrompt& prompt)
+bool AudioConverter::Validate(const char* source, const char* target, const AudioTarget& to, IPrompt& prompt,
+                              Job& job, int& result)
 {
-    error_.clear();
-    outBytes_ = 0;
-    source_.reset();
-    target_.reset();
+    result = 0;
     if (!source || !target) {
         error_ = "no source or target file name";
-        return 0;
+        return false;
     }
-
-    long rate = 0;
-    int bits = 0, stereo = 0;
-    if (!ReadFormat(source, rate, bits, stereo, &error_)) return 0;
+    job.source = source;
+    job.target = target;
+    if (!ReadFormat(job.source, job.rate, job.bits, job.stereo, &error_)) return false;
     struct stat st {};
     if (::stat(source, &st) != 0) {
-        error_ = SysError(source, "cannot stat");
-        return 0;
+        error_ = SysError(job.source, "cannot stat");
+        return false;
     }
-    const std::int64_t size = st.st_size;
-    const int srcChannels = stereo ? 2 : 1;
-    const int bytesPerSample = bits / 8;
-    const std::int64_t frames = ((size - kHeaderBytes) / bytesPerSample) / srcChannels;
+    job.size = st.st_size;
+    job.frames = ((job.size - kHeaderBytes) / (job.bits / 8)) / (job.stereo ? 2 : 1);
+    job.targetRate = to.rate;
+    job.targetBits = to.bits == 8 ? 8 : 16;
+    job.targetStereo = to.stereo ? 1 : 0;
 
-    const long targetRate = to.rate;
-    const int targetBits = to.bits == 8 ? 8 : 16;
-    const int targetStereo = to.stereo ? 1 : 0;
-
-    if (rate < targetRate || bits < targetBits) {
+    if (job.rate < job.targetRate || job.bits < job.targetBits) {
         prompt.Tell(kInappropriate);
         prompt.Tell(kNowSame);
-        error_ = std::string(source) + ": the target format is above the source's";
-        return 0;
+        error_ = job.source + ": the target format is above the source's";
+        return false;
     }
-    if (rate == targetRate && bits == targetBits && stereo == targetStereo) return 0;
-    if (bits == 8) {
+    if (job.rate == job.targetRate && job.bits == job.targetBits && job.stereo == job.targetStereo) return false;
+    if (job.bits == 8) {
         prompt.Tell(kNeeds16Bit);
         prompt.Tell(kNowSame);
-        error_ = std::string(source) + ": 8-bit sources are not converted";
-        return 0;
+        error_ = job.source + ": 8-bit sources are not converted";
+        return false;
     }
+    return true;
+}
 
-    const int in = ::open(source, O_RDWR | O_CLOEXEC);
+bool AudioConverter::Open(const Job& job, IPrompt& prompt, int& result)
+{
+    result = 0;
+    // Only ever read: the source may sit on a read-only volume or be shared with a player.
+    const int in = ::open(job.source.c_str(), O_RDONLY | O_CLOEXEC);
     if (in < 0) {
-        error_ = SysError(source, "cannot open for reading");
+        error_ = SysError(job.source, "cannot open for reading");
         prompt.Tell(kReadError);
-        return 0;
+        return false;
     }
     source_ = std::make_unique<Fd>(in);
-    const int out = ::open(target, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int out = ::open(job.target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (out < 0) {
-        error_ = SysError(target, "cannot create");
+        error_ = SysError(job.target, "cannot create");
         source_.reset();
         prompt.Tell(kWriteError);
-        return 0;
+        return false;
     }
     target_ = std::make_unique<Fd>(out);
-    targetPath_ = target;
 
     // The source's header with the target's format; the chunk sizes stay the source's and are
     // put right when the result is copied into place.
@@ -335,63 +377,119 @@ int AudioConverter::Convert(const char* source, const char* target, const AudioT
         if (n <= 0) break;
         got += static_cast<std::size_t>(n);
     }
-    const int targetChannels = targetStereo ? 2 : 1;
+    const int targetChannels = job.targetStereo ? 2 : 1;
     Put16(header + 22, static_cast<std::uint32_t>(targetChannels));
-    Put32(header + 24, static_cast<std::uint32_t>(targetRate));
-    Put32(header + 28, static_cast<std::uint32_t>(targetRate * targetBits * targetChannels) >> 3);
-    Put16(header + 32, static_cast<std::uint32_t>(targetChannels * targetBits / 8));
-    Put16(header + 34, static_cast<std::uint32_t>(targetBits));
-    if (!WriteAll(out, header, sizeof header, 0)) return WriteFailed(SysError(target, "cannot write the header"));
+    Put32(header + 24, static_cast<std::uint32_t>(job.targetRate));
+    Put32(header + 28, static_cast<std::uint32_t>(job.targetRate * job.targetBits * targetChannels) >> 3);
+    Put16(header + 32, static_cast<std::uint32_t>(targetChannels * job.targetBits / 8));
+    Put16(header + 34, static_cast<std::uint32_t>(job.targetBits));
+    if (!WriteAll(out, header, sizeof header, 0)) {
+        result = WriteFailed(SysError(job.target, "cannot write the header"));
+        return false;
+    }
 
-    // The audio reader: a source too short to hold the header has nothing to read.
-    if (size < kHeaderBytes || !resampler_.Setup(rate, targetRate, 0)) {
-        error_ = std::string(source) + ": " +
-                 (size < kHeaderBytes ? "shorter than a WAVE header" : resampler_.Error());
+    // The audio reader: a source too short to hold the header has nothing to read. The target
+    // keeps its header, as a failed reader always left it.
+    if (job.size < kHeaderBytes || !resampler_.Setup(job.rate, job.targetRate, 0)) {
+        error_ = job.source + ": " + (job.size < kHeaderBytes ? "shorter than a WAVE header" : resampler_.Error());
         source_.reset();
         target_.reset();
         prompt.Tell(kReaderError);
-        return 0;
+        return false;
     }
+    return true;
+}
 
-    if (stereo)
-        ratio_ = (targetStereo ? 1.0 : 2.0) * (targetBits == 8 ? 2.0 : 1.0);
-    else if (targetBits == 8)
-        ratio_ = targetStereo ? 1.0 : 2.0;
+int AudioConverter::Stream(const Job& job, const AudioProgress& progress, const std::atomic<bool>* cancel)
+{
+    // An unfinished target is removed when the conversion is cancelled (or unwinds); a failed
+    // write keeps what was written, which the engine copies over the audio file regardless.
+    CDeleteOnFail discard(job.target);
+
+    const int targetChannels = job.targetStereo ? 2 : 1;
+    if (job.stereo)
+        ratio_ = (job.targetStereo ? 1.0 : 2.0) * (job.targetBits == 8 ? 2.0 : 1.0);
+    else if (job.targetBits == 8)
+        ratio_ = job.targetStereo ? 1.0 : 2.0;
     else
-        ratio_ = targetStereo ? 0.5 : 1.0;
-    const double exact = static_cast<double>(size - kHeaderBytes) * static_cast<double>(targetRate) /
-                         static_cast<double>(rate) / ratio_;
+        ratio_ = job.targetStereo ? 0.5 : 1.0;
+    const double exact = static_cast<double>(job.size - kHeaderBytes) * static_cast<double>(job.targetRate) /
+                         static_cast<double>(job.rate) / ratio_;
     outBytes_ = static_cast<unsigned long>(exact);
 
-    const unsigned long frameBytes = static_cast<unsigned long>((targetBits / 8) * targetChannels);
+    const unsigned long frameBytes = static_cast<unsigned long>((job.targetBits / 8) * targetChannels);
     const auto needFrames = static_cast<std::int64_t>((outBytes_ + frameBytes - 1) / frameBytes);
-    const std::int64_t produced = resampler_.OutputCount(frames);
-    const auto block = static_cast<std::int64_t>(blockFrames_ ? blockFrames_ : static_cast<std::size_t>(std::max<std::int64_t>(needFrames, 1)));
+    const std::int64_t produced = resampler_.OutputCount(job.frames);
+    const auto block = static_cast<std::int64_t>(
+        blockFrames_ ? blockFrames_ : static_cast<std::size_t>(std::max<std::int64_t>(needFrames, 1)));
+    // A stereo source going to mono keeps its left channel, so the right one is never filtered.
+    const int channels = job.stereo && job.targetStereo ? 2 : 1;
+    // 16-bit samples already in the target's layout are the target's bytes on this machine.
+    const bool direct = job.targetBits == 16 && channels == targetChannels && std::endian::native == std::endian::little;
 
     std::vector<std::int16_t> inter;
     unsigned long written = 0;
     for (std::int64_t first = 0; written < outBytes_; first += block) {
+        if (cancel && cancel->load(std::memory_order_relaxed)) {
+            cancelled_ = true;
+            error_ = job.target + ": conversion cancelled";
+            source_.reset();
+            target_.reset();
+            return 0;
+        }
         const auto count = static_cast<std::size_t>(std::min(block, needFrames - first));
-        inter.assign(count * static_cast<std::size_t>(srcChannels), 0);
-        ResampleBlock(first, count, produced, frames, srcChannels, bytesPerSample, inter);
+        ResampleBlock(job, first, count, produced, channels, inter);
         const unsigned long bytes = std::min<unsigned long>(outBytes_ - written, count * frameBytes);
-        output_.resize(bytes);
-        if (stereo)
-            ConvertStereoFrames(inter.data(), output_.data(), bytes, targetBits, targetStereo);
-        else
-            ConvertMonoFrames(inter.data(), output_.data(), bytes, targetBits, targetStereo);
-        if (!WriteAll(out, output_.data(), bytes, static_cast<off_t>(kHeaderBytes + written)))
-            return WriteFailed(SysError(target, "cannot write the audio"));
+        const unsigned char* data;
+        if (direct) {
+            data = reinterpret_cast<const unsigned char*>(inter.data());
+        } else {
+            output_.resize(bytes);
+            if (channels == 2)
+                ConvertStereoFrames(inter.data(), output_.data(), bytes, job.targetBits, job.targetStereo);
+            else
+                ConvertMonoFrames(inter.data(), output_.data(), bytes, job.targetBits, job.targetStereo);
+            data = output_.data();
+        }
+        if (!WriteAll(target_->fd, data, bytes, static_cast<off_t>(kHeaderBytes + written))) {
+            discard.Release();
+            return WriteFailed(SysError(job.target, "cannot write the audio"));
+        }
         written += bytes;
+        if (progress) progress(outBytes_ ? static_cast<double>(written) / static_cast<double>(outBytes_) : 1.0);
     }
+    if (outBytes_ == 0 && progress) progress(1.0);
 
+    discard.Release();
     source_.reset();
     if (!target_->Close()) {
         target_.reset();
-        return WriteFailed(SysError(target, "cannot close"));
+        return WriteFailed(SysError(job.target, "cannot close"));
     }
     target_.reset();
     return 1;
+}
+
+int AudioConverter::Convert(const char* source, const char* target, const AudioTarget& to, IPrompt& prompt,
+                            const AudioProgress& progress, const std::atomic<bool>* cancel)
+{
+    error_.clear();
+    cancelled_ = false;
+    outBytes_ = 0;
+    source_.reset();
+    target_.reset();
+
+    Job job;
+    int result = 0;
+    if (!Validate(source, target, to, prompt, job, result)) return result;
+    // Asked to stop before anything was made: leave the target alone.
+    if (cancel && cancel->load(std::memory_order_relaxed)) {
+        cancelled_ = true;
+        error_ = job.target + ": conversion cancelled";
+        return 0;
+    }
+    if (!Open(job, prompt, result)) return result;
+    return Stream(job, progress, cancel);
 }
 
 }  // namespace zub::audio

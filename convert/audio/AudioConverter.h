@@ -5,15 +5,22 @@
 // The conversion streams: source samples are staged and resampled block by block and each
 // converted block is written out at once, so memory stays bounded on any file length. The
 // bytes written are those of one pass over the whole file (tests hold it to that).
+//
+// One conversion runs in three steps: validate (read the source's format and decide whether
+// there is anything to do, with the user's messages), open (source read-only, target created,
+// header written, resampler set up) and stream (block by block, reporting progress and
+// stopping when asked to, in which case the unfinished target is removed).
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "PolyphaseResampler.h"
+#include "convert/audio/PolyphaseResampler.h"
 
 namespace zub {
 
@@ -34,6 +41,10 @@ struct AudioTarget {
     int bits = 16;
     int stereo = 1;
 };
+
+// Called from the converting thread after each block with the fraction (0 .. 1) of the
+// target's audio written so far; the last call, on success, is 1.
+using AudioProgress = std::function<void(double fraction)>;
 
 // The audio settings page's list positions as a target format: rate index 0..4 = 48000,
 // 44100, 32000, 22050, 11025 (anything else 48000); channels 0 = stereo, else mono; sample
@@ -66,8 +77,11 @@ public:
     AudioConverter& operator=(const AudioConverter&) = delete;
 
     // Converts source into target (see ConvertAudioFile): 1 done, 0 nothing done or an error
-    // shown through prompt, kTargetWriteFailed when writing the target failed.
-    int Convert(const char* source, const char* target, const AudioTarget& to, IPrompt& prompt);
+    // shown through prompt, kTargetWriteFailed when writing the target failed. progress may
+    // be empty. When *cancel becomes true the conversion stops at the next block, removes the
+    // target and returns 0 with LastError() saying so; nothing is shown to the user.
+    int Convert(const char* source, const char* target, const AudioTarget& to, IPrompt& prompt,
+                const AudioProgress& progress = {}, const std::atomic<bool>* cancel = nullptr);
 
     // Reads a WAVE file's format through the RIFF layer: 1 with rate, bits and stereo set
     // for PCM, 1 or 2 channels, 1000 .. 384000 Hz, 8 or 16 bits; else 0 with the outputs
@@ -84,6 +98,8 @@ public:
     // Output frames resampled per block; 0 converts the whole file as one block.
     void SetBlockFrames(std::size_t frames) { blockFrames_ = frames; }
 
+    // The output buffer of ConvertStereo / ConvertMono, or the last block a conversion had to
+    // convert (16-bit blocks already in the target's layout are written as they are).
     const std::vector<unsigned char>& Output() const { return output_; }
     // Source bytes per output byte after the width and channel change (step 10's ratio).
     double Ratio() const { return ratio_; }
@@ -92,27 +108,47 @@ public:
     unsigned long OutBytes() const { return outBytes_; }
     // Why the last conversion or read stopped, naming the file; empty after success.
     const std::string& LastError() const { return error_; }
+    // True when the last conversion stopped because it was cancelled.
+    bool Cancelled() const { return cancelled_; }
 
 private:
     struct Fd;
+    // What validation learnt about one conversion, carried through open and stream.
+    struct Job {
+        std::string source, target;
+        long rate = 0;
+        int bits = 0, stereo = 0;
+        std::int64_t size = 0;    // source file length in bytes
+        std::int64_t frames = 0;  // source sample frames after the canonical header
+        long targetRate = 0;
+        int targetBits = 16, targetStereo = 1;
+    };
+    // Each returns true to go on; otherwise result holds the conversion's return value.
+    bool Validate(const char* source, const char* target, const AudioTarget& to, IPrompt& prompt, Job& job,
+                  int& result);
+    bool Open(const Job& job, IPrompt& prompt, int& result);
+    int Stream(const Job& job, const AudioProgress& progress, const std::atomic<bool>* cancel);
     int WriteFailed(const std::string& why);
-    // Resamples outputs first .. first + count into inter (zero-filled by the caller), staging
-    // the source range they need straight from the file.
-    void ResampleBlock(std::int64_t first, std::size_t count, std::int64_t produced, std::int64_t frames,
-                       int channels, int bytesPerSample, std::vector<std::int16_t>& inter);
+    // ReadSamples' work: the bytes actually read.
+    std::size_t ReadAudio(long count, unsigned char* buffer, unsigned long offset);
+    // Resamples outputs first .. first + count into inter (count frames of `channels`
+    // interleaved samples), staging the source range they need straight from the file.
+    // channels is the source's, or 1 for a stereo source going to mono: only its left channel
+    // is kept, so only the left channel is read and filtered.
+    void ResampleBlock(const Job& job, std::int64_t first, std::size_t count, std::int64_t produced, int channels,
+                       std::vector<std::int16_t>& inter);
 
     std::unique_ptr<Fd> source_;
     std::unique_ptr<Fd> target_;
     std::vector<unsigned char> output_;
     std::vector<unsigned char> raw_;
     std::vector<std::int16_t> stage_;
-    std::vector<std::int16_t> channelOut_;
     double ratio_ = 1.0;
     PolyphaseResampler resampler_;
     std::size_t blockFrames_ = kDefaultBlockFrames;
     unsigned long outBytes_ = 0;
-    std::string targetPath_;
     std::string error_;
+    bool cancelled_ = false;
 };
 
 }  // namespace audio

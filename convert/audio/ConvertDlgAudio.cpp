@@ -1,6 +1,6 @@
 // The conversion dialog's audio members: thin over AudioConverter, with the target format
 // from the module's settings and the messages through the module's prompter.
-#include "AudioConverter.h"
+#include "convert/audio/AudioConverter.h"
 #include "zubimport/ConvertDlg.h"
 #include "zubimport/ImportSettings.h"
 #include "zubimport/Prompt.h"

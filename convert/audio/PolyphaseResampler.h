@@ -6,6 +6,9 @@
 // The resampler never holds the whole file: the caller hands it a window of staged source
 // samples per block of output, so memory stays bounded however long the file is, and the
 // result does not depend on where the blocks fall.
+//
+// The filter runs in one of three ways, all giving the same samples: a plain loop (the
+// reference), and SSE2 or AVX2 loops chosen at run time by what the processor has.
 #pragma once
 
 #include <cstddef>
@@ -18,8 +21,16 @@ namespace zub::audio {
 // covers the longest kernel (32 taps reach 15 back and 16 forward).
 inline constexpr int kStageMargin = 16;
 
+// How the filter loop runs. Every path gives the scalar loop's output exactly.
+enum class KernelPath { Scalar, Sse2, Avx2 };
+const char* KernelPathName(KernelPath path);
+
 class PolyphaseResampler {
 public:
+    // The fastest path this processor can run, and whether a path can run here at all.
+    static KernelPath BestPath();
+    static bool PathAvailable(KernelPath path);
+
     // Prepares the tables for srcRate -> dstRate (both > 0) at the given quality (0 = best).
     // False, with the reason in Error(), for rates that are not positive.
     bool Setup(long srcRate, long dstRate, int quality = 0);
@@ -53,13 +64,27 @@ public:
     // (zeros outside the file). The caller sizes the window with SourceSpan.
     void Run(std::int64_t first, std::size_t count, const std::int16_t* staged, std::int64_t stageStart,
              std::int16_t* out) const;
+    // Both channels of a stereo source at once (they share every position and row), written
+    // interleaved: out[2k] from left, out[2k + 1] from right.
+    void RunStereo(std::int64_t first, std::size_t count, const std::int16_t* left, const std::int16_t* right,
+                   std::int64_t stageStart, std::int16_t* out) const;
     // The source index range [begin, end) a block of count outputs from first needs staged.
     void SourceSpan(std::int64_t first, std::size_t count, std::int64_t& begin, std::int64_t& end) const;
 
     const char* Error() const { return error_; }
 
+    // Chooses the filter loop; a path this processor lacks is refused (false, path unchanged).
+    bool SetPath(KernelPath path);
+    KernelPath Path() const { return path_; }
+
 private:
     enum class Kind { PassThrough, WholeStep, Tables };
+    // The filter part of a block: cycle index i, staged position at (both advanced).
+    void Filter(std::size_t& i, std::int64_t& at, std::size_t count, const std::int16_t* const* staged, int channels,
+                std::int16_t* out) const;
+    void MakeVectorRows();
+    void FilterScalar(std::size_t& i, std::int64_t& at, std::size_t count, const std::int16_t* staged,
+                      std::int16_t* out, std::size_t stride) const;
 
     Kind kind_ = Kind::PassThrough;
     long srcRate_ = 0;
@@ -70,6 +95,13 @@ private:
     std::vector<std::uint8_t> phase_;
     std::vector<std::int32_t> offset_;
     std::vector<std::int32_t> step_;
+    // The vector loops' form of the kernel: one 16-bit row per phase after a zero row for
+    // phase 0; rows of 4 and 8 taps carry a second half with what did not fit 16 bits.
+    std::vector<std::int16_t> rows16_;
+    std::vector<std::uint32_t> rowAt_;
+    std::vector<std::uint8_t> copy_;
+    bool vectorRows_ = false;
+    KernelPath path_ = BestPath();
     const char* error_ = "";
 };
 

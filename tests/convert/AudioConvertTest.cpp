@@ -1,9 +1,13 @@
 // The audio conversion end to end: format checks and their messages, the header rewrite, width
 // and channel conversion, blocked conversion against a one-block pass, the result read back by
 // sox after the clean copy, and the accuracy of a resampled sine.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -15,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "AudioConverter.h"
+#include "convert/audio/AudioConverter.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 #include "zubimport/ConvertDlg.h"
@@ -360,13 +364,11 @@ TEST_F(AudioConvert, OpenAndWriteFailures)
         EXPECT_EQ(prompt_->Texts().size(), 1u);
     }
 
-    if (geteuid() != 0) {  // root opens read-only files for writing anyway
-        const std::string ro = dir_ / "ro.wav";
-        std::filesystem::copy_file(src, ro);
-        std::filesystem::permissions(ro, std::filesystem::perms::owner_read);
-        EXPECT_EQ(dlg.ConvertAudioFile(ro.c_str(), (dir_ / "tmp").c_str()), 0);
-        EXPECT_EQ(prompt_->Texts().back(), "Error when reading source audio file");
-    }
+    // An unreadable source after its format was read cannot be arranged from here; a source
+    // that cannot be opened at all never gets past the format check.
+    const std::string gone = dir_ / "gone.wav";
+    EXPECT_EQ(dlg.ConvertAudioFile(gone.c_str(), (dir_ / "tmp").c_str()), 0);
+    EXPECT_EQ(prompt_->Texts().size(), 1u);
 
     // A RIFF header and fmt chunk with no room for the data: the reader cannot open it, and
     // the target keeps the header already written.
@@ -377,6 +379,99 @@ TEST_F(AudioConvert, OpenAndWriteFailures)
     EXPECT_EQ(dlg.ConvertAudioFile(shortFile.c_str(), tmp.c_str()), 0);
     EXPECT_EQ(prompt_->Texts().back(), "Failed to open audio item.");
     EXPECT_EQ(std::filesystem::file_size(tmp), 44u);
+}
+
+// Sets the immutable attribute, which refuses opening for writing even to root, and clears it
+// again however the test ends.
+class Immutable {
+public:
+    explicit Immutable(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC))
+    {
+        if (fd_ < 0 || ::ioctl(fd_, FS_IOC_GETFLAGS, &flags_) != 0) return;
+        int on = flags_ | FS_IMMUTABLE_FL;
+        set_ = ::ioctl(fd_, FS_IOC_SETFLAGS, &on) == 0;
+    }
+    ~Immutable()
+    {
+        if (set_) ::ioctl(fd_, FS_IOC_SETFLAGS, &flags_);
+        if (fd_ >= 0) ::close(fd_);
+    }
+    Immutable(const Immutable&) = delete;
+    Immutable& operator=(const Immutable&) = delete;
+    bool Set() const { return set_; }
+
+private:
+    int fd_ = -1;
+    int flags_ = 0;
+    bool set_ = false;
+};
+
+TEST_F(AudioConvert, SourceIsOnlyEverRead)
+{
+    const std::string src = MakeTone(dir_, "s48.wav", 16, 48000, 2, 0.3);
+    const Bytes before = ReadFile(src);
+    const std::string tmp = dir_ / "tmp";
+    {
+        Immutable frozen(src);
+        if (!frozen.Set()) {
+            // Without the attribute, a mode of read-only is the next best check (not for root).
+            if (geteuid() == 0) GTEST_SKIP() << "cannot make a file unwritable here";
+            std::filesystem::permissions(src, std::filesystem::perms::owner_read);
+        }
+        EXPECT_EQ(::open(src.c_str(), O_RDWR | O_CLOEXEC), -1) << "the source should be unwritable now";
+        Target(1, 0, 0);
+        CConvertDlg dlg;
+        ASSERT_EQ(dlg.ConvertAudioFile(src.c_str(), tmp.c_str()), 1);
+    }
+    EXPECT_EQ(ReadFile(src), before);
+    EXPECT_EQ(std::filesystem::file_size(tmp), 44u + static_cast<std::uintmax_t>(0.3 * 44100) * 4u);
+    EXPECT_TRUE(prompt_->Texts().empty());
+}
+
+TEST_F(AudioConvert, ProgressRisesToOneAndCancelLeavesNoTarget)
+{
+    const std::string src = MakeTone(dir_, "s48.wav", 16, 48000, 2, 1.0);
+    const Bytes before = ReadFile(src);
+    const std::string tmp = dir_ / "tmp";
+
+    // Every block reports; the fractions rise strictly and end at exactly 1.
+    AudioConverter conv;
+    conv.SetBlockFrames(4096);
+    std::vector<double> seen;
+    ASSERT_EQ(conv.Convert(src.c_str(), tmp.c_str(), {44100, 16, 1}, *prompt_, [&](double f) { seen.push_back(f); }),
+              1);
+    ASSERT_EQ(seen.size(), (44100u + 4095u) / 4096u);
+    for (std::size_t i = 1; i < seen.size(); ++i) EXPECT_GT(seen[i], seen[i - 1]) << i;
+    EXPECT_GT(seen.front(), 0.0);
+    EXPECT_EQ(seen.back(), 1.0);
+    const Bytes full = ReadFile(tmp);
+
+    // Cancelled half-way: 0, no target left behind, nothing said, the source untouched.
+    std::atomic<bool> cancel{false};
+    int calls = 0;
+    auto stopHalfWay = [&](double f) {
+        ++calls;
+        if (f >= 0.5) cancel = true;
+    };
+    EXPECT_EQ(conv.Convert(src.c_str(), tmp.c_str(), {44100, 16, 1}, *prompt_, stopHalfWay, &cancel), 0);
+    EXPECT_TRUE(conv.Cancelled());
+    EXPECT_NE(conv.LastError().find(tmp), std::string::npos) << conv.LastError();
+    EXPECT_LT(calls, static_cast<int>(seen.size()));
+    EXPECT_FALSE(std::filesystem::exists(tmp));
+    EXPECT_EQ(ReadFile(src), before);
+
+    // Cancelled before it starts: a file already at the target's name is not touched.
+    std::ofstream(tmp, std::ios::binary) << "earlier";
+    EXPECT_EQ(conv.Convert(src.c_str(), tmp.c_str(), {44100, 16, 1}, *prompt_, {}, &cancel), 0);
+    EXPECT_TRUE(conv.Cancelled());
+    EXPECT_EQ(ReadFile(tmp), (Bytes{'e', 'a', 'r', 'l', 'i', 'e', 'r'}));
+
+    // The flag cleared again: the same converter produces the same bytes as before.
+    cancel = false;
+    ASSERT_EQ(conv.Convert(src.c_str(), tmp.c_str(), {44100, 16, 1}, *prompt_, {}, &cancel), 1);
+    EXPECT_FALSE(conv.Cancelled());
+    EXPECT_EQ(ReadFile(tmp), full);
+    EXPECT_TRUE(prompt_->Texts().empty());
 }
 
 TEST_F(AudioConvert, DamagedSourcesNeverCrashOrChange)

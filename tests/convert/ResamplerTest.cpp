@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <map>
+#include <random>
+#include <string>
 #include <vector>
 
-#include "PolyphaseResampler.h"
-#include "ResampleKernels.h"
+#include "convert/audio/PolyphaseResampler.h"
+#include "convert/audio/ResampleKernels.h"
 
 namespace zub::audio {
 namespace {
@@ -178,6 +180,162 @@ TEST(PolyphaseResampler, CopiesForWholeStepsAndSaturatesFullScale)
     }
     EXPECT_GT(clippedHigh, 0);
     EXPECT_GT(clippedLow, 0);
+}
+
+// Source signals for the path comparison: uniform noise over the whole 16-bit range, and the
+// same with windows set to full scale in step with the kernel's signs, which drives the 32-bit
+// accumulator past its range so that it wraps.
+std::vector<std::int16_t> NoiseWithWraps(const PolyphaseResampler& r, std::size_t frames, unsigned seed, int& wraps)
+{
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<int> dist(-32768, 32767);
+    std::vector<std::int16_t> in(frames);
+    for (auto& v : in) v = static_cast<std::int16_t>(dist(rng));
+    wraps = 0;
+    const int taps = r.Taps();
+    if (taps < 4 || r.PassThrough() || r.WholeStep()) return in;
+    const std::int64_t outputs = r.OutputCount(static_cast<std::int64_t>(frames));
+    for (std::int64_t n = 3; n < outputs; n += 1 + static_cast<std::int64_t>(rng() % 60)) {
+        std::int64_t pos;
+        int phase;
+        r.PositionOf(n, pos, phase);
+        if (phase == 0) continue;
+        const std::int32_t* c = KernelRow(taps, phase);
+        const std::int64_t from = pos - (taps / 2 - 1);
+        if (from < 0 || from + taps > static_cast<std::int64_t>(frames)) continue;
+        std::int64_t exact = 0;
+        for (int t = 0; t < taps; ++t) {
+            const std::int16_t v = c[t] >= 0 ? 32767 : -32768;
+            in[static_cast<std::size_t>(from + t)] = v;
+            exact += static_cast<std::int64_t>(v) * c[t];
+        }
+        wraps += exact > INT32_MAX;
+        n += taps;  // the next window starts clear of this one
+    }
+    return in;
+}
+
+// Stages in[] for outputs first .. first + count as the converter does and runs one path.
+std::vector<std::int16_t> RunPath(PolyphaseResampler& r, KernelPath path, const std::vector<std::int16_t>& left,
+                                  const std::vector<std::int16_t>* right, std::int64_t first, std::size_t count)
+{
+    EXPECT_TRUE(r.SetPath(path));
+    std::int64_t begin, end;
+    r.SourceSpan(first, count, begin, end);
+    auto stage = [&](const std::vector<std::int16_t>& in) {
+        std::vector<std::int16_t> staged(static_cast<std::size_t>(end - begin), 0);
+        for (std::int64_t i = std::max<std::int64_t>(begin, 0); i < std::min<std::int64_t>(end, static_cast<std::int64_t>(in.size())); ++i)
+            staged[static_cast<std::size_t>(i - begin)] = in[static_cast<std::size_t>(i)];
+        return staged;
+    };
+    const auto l = stage(left);
+    if (!right) {
+        std::vector<std::int16_t> out(count, 0x5A5A);
+        r.Run(first, count, l.data(), begin, out.data());
+        return out;
+    }
+    const auto rt = stage(*right);
+    // One sample past the end shows a store that runs over.
+    std::vector<std::int16_t> out(2 * count + 1, 0x5A5A);
+    r.RunStereo(first, count, l.data(), rt.data(), begin, out.data());
+    EXPECT_EQ(out.back(), 0x5A5A) << "stereo output ran past its end";
+    out.pop_back();
+    return out;
+}
+
+TEST(PolyphaseResampler, VectorPathsGiveTheScalarSamplesExactly)
+{
+    std::vector<KernelPath> paths;
+    for (KernelPath p : {KernelPath::Sse2, KernelPath::Avx2})
+        if (PolyphaseResampler::PathAvailable(p)) paths.push_back(p);
+    if (paths.empty()) GTEST_SKIP() << "no vector path on this processor";
+    std::printf("vector paths checked:");
+    for (auto p : paths) std::printf(" %s", KernelPathName(p));
+    std::printf(", best %s\n", KernelPathName(PolyphaseResampler::BestPath()));
+
+    // Every mode (0 copies, 1..4 filter with 4..32 taps), the two rate kinds without tables, and
+    // a pair whose cycle is long.
+    const struct {
+        long from, to;
+        int mode;
+    } pairs[] = {{192000, 11025, 0}, {96000, 11025, 1}, {48000, 11025, 2}, {48000, 22050, 3}, {48000, 44100, 4},
+                 {48000, 32000, 4}, {44100, 32000, 4}, {96000, 44100, 3}, {48000, 12000, 2}, {44100, 44100, 4},
+                 {47999, 44100, 4}};
+    // Odd and tiny block lengths, and starts inside the cycle, so the vector loops' groups of
+    // four and their one-at-a-time tails both meet every phase.
+    const std::size_t counts[] = {1, 2, 3, 5, 7, 13, 146, 147, 149, 1001, 4099};
+    const std::int64_t firsts[] = {0, 1, 3, 146, 1000};
+    int wrapsSeen = 0;
+    for (const auto& pr : pairs) {
+        PolyphaseResampler r;
+        ASSERT_TRUE(r.Setup(pr.from, pr.to));
+        ASSERT_EQ(r.Mode(), pr.mode) << pr.from << " -> " << pr.to;
+        const std::size_t frames = 20011;
+        int wrapsL = 0, wrapsR = 0;
+        const auto left = NoiseWithWraps(r, frames, static_cast<unsigned>(pr.from + pr.to), wrapsL);
+        const auto right = NoiseWithWraps(r, frames, static_cast<unsigned>(pr.from * 3 + pr.to), wrapsR);
+        wrapsSeen += wrapsL + wrapsR;
+        const std::int64_t outputs = r.OutputCount(static_cast<std::int64_t>(frames));
+        for (std::int64_t first : firsts) {
+            for (std::size_t count : counts) {
+                // Also runs past the end of the source into the zero margin.
+                if (first + static_cast<std::int64_t>(count) > outputs + 40) continue;
+                const auto monoRef = RunPath(r, KernelPath::Scalar, left, nullptr, first, count);
+                const auto rightRef = RunPath(r, KernelPath::Scalar, right, nullptr, first, count);
+                for (KernelPath p : paths) {
+                    const std::string what = std::to_string(pr.from) + " -> " + std::to_string(pr.to) + ", " +
+                                             KernelPathName(p) + ", first " + std::to_string(first) + ", count " +
+                                             std::to_string(count);
+                    const auto mono = RunPath(r, p, left, nullptr, first, count);
+                    ASSERT_EQ(mono, monoRef) << what;
+                    const auto stereo = RunPath(r, p, left, &right, first, count);
+                    for (std::size_t k = 0; k < count; ++k) {
+                        ASSERT_EQ(stereo[2 * k], monoRef[k]) << what << ", left " << k;
+                        ASSERT_EQ(stereo[2 * k + 1], rightRef[k]) << what << ", right " << k;
+                    }
+                }
+                // The scalar path's own stereo form is the two channels interleaved.
+                const auto scalarStereo = RunPath(r, KernelPath::Scalar, left, &right, first, count);
+                for (std::size_t k = 0; k < count; ++k) {
+                    ASSERT_EQ(scalarStereo[2 * k], monoRef[k]);
+                    ASSERT_EQ(scalarStereo[2 * k + 1], rightRef[k]);
+                }
+            }
+        }
+    }
+    // The comparison covered accumulators that wrapped, not only ones that stayed in range.
+    EXPECT_GT(wrapsSeen, 100);
+}
+
+TEST(PolyphaseResampler, WrappedAccumulatorIsKeptNotClipped)
+{
+    // One output, every tap at full scale with the kernel's sign: the exact sum passes 2^31,
+    // and the defined arithmetic wraps it round to a large negative value before the shift.
+    PolyphaseResampler r;
+    ASSERT_TRUE(r.Setup(48000, 44100));
+    std::int64_t pos;
+    int phase;
+    std::int64_t n = 40;  // far enough in that the window lies inside the signal
+    for (;; ++n) {
+        r.PositionOf(n, pos, phase);
+        if (phase >= 28 && phase <= 36) break;
+    }
+    const std::int32_t* c = KernelRow(32, phase);
+    std::vector<std::int16_t> in(400, 0);
+    std::int64_t exact = 0;
+    for (int t = 0; t < 32; ++t) {
+        in[static_cast<std::size_t>(pos - 15 + t)] = c[t] >= 0 ? 32767 : -32768;
+        exact += static_cast<std::int64_t>(in[static_cast<std::size_t>(pos - 15 + t)]) * c[t];
+    }
+    ASSERT_GT(exact, INT32_MAX);
+    const auto wrapped = static_cast<std::int32_t>(static_cast<std::uint32_t>(exact));
+    const auto expect = static_cast<std::int16_t>(std::clamp(wrapped >> 15, -32768, 32767));
+    EXPECT_EQ(expect, -32768);
+    for (KernelPath p : {KernelPath::Scalar, KernelPath::Sse2, KernelPath::Avx2}) {
+        if (!PolyphaseResampler::PathAvailable(p)) continue;
+        const auto out = RunPath(r, p, in, nullptr, n, 1);
+        EXPECT_EQ(out[0], expect) << KernelPathName(p);
+    }
 }
 
 }  // namespace
