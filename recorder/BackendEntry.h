@@ -13,6 +13,9 @@
 #include "device/RecorderAbi.h"
 #include "recorder/SubstituteRecorder.h"
 
+// An entry point of a recorder library: the only symbols either library exports.
+#define RECORDER_EXPORT extern "C" __attribute__((visibility("default")))
+
 namespace zub::rec {
 
 // A library's result for each Status, in the order of the enumeration.

@@ -45,32 +45,30 @@ std::uint32_t Check(const IndexEntry& e, std::uint32_t frame, Track t)
            static_cast<std::uint32_t>(t);
 }
 
-bool PWriteAll(int fd, const void* data, std::size_t n, std::uint64_t at)
+// Moves all n bytes at `at` with pread or pwrite, through short transfers and interruptions;
+// false on an error or an end of file.
+template <class Byte, class Transfer>
+bool TransferAll(int fd, Byte* data, std::size_t n, std::uint64_t at, Transfer transfer)
 {
-    const auto* p = static_cast<const std::uint8_t*>(data);
     while (n) {
-        const ssize_t w = ::pwrite(fd, p, n, static_cast<off_t>(at));
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) return false;
-        p += w;
-        n -= static_cast<std::size_t>(w);
-        at += static_cast<std::uint64_t>(w);
+        const ssize_t done = transfer(fd, data, n, static_cast<off_t>(at));
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return false;
+        data += done;
+        n -= static_cast<std::size_t>(done);
+        at += static_cast<std::uint64_t>(done);
     }
     return true;
 }
 
+bool PWriteAll(int fd, const void* data, std::size_t n, std::uint64_t at)
+{
+    return TransferAll(fd, static_cast<const std::uint8_t*>(data), n, at, ::pwrite);
+}
+
 bool PReadAll(int fd, void* data, std::size_t n, std::uint64_t at)
 {
-    auto* p = static_cast<std::uint8_t*>(data);
-    while (n) {
-        const ssize_t r = ::pread(fd, p, n, static_cast<off_t>(at));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return false;
-        p += r;
-        n -= static_cast<std::size_t>(r);
-        at += static_cast<std::uint64_t>(r);
-    }
-    return true;
+    return TransferAll(fd, static_cast<std::uint8_t*>(data), n, at, ::pread);
 }
 
 std::uint8_t Clamp8(int v)

@@ -5,8 +5,6 @@
 #include "device/RecorderAbi.h"
 #include "recorder/BackendEntry.h"
 
-#define TBX_EXPORT extern "C" __attribute__((visibility("default")))
-
 using namespace zub::rec;
 
 namespace {
@@ -23,28 +21,28 @@ BackendEntry& Entry()
 
 }  // namespace
 
-TBX_EXPORT const char* TbxRecorderLastError()
+RECORDER_EXPORT const char* TbxRecorderLastError()
 {
     return SubstituteRecorder::LastError();
 }
 
-TBX_EXPORT std::int32_t TbxDcOpenEx(std::int32_t deviceName, std::int32_t* handle)
+RECORDER_EXPORT std::int32_t TbxDcOpenEx(std::int32_t deviceName, std::int32_t* handle)
 {
     return Entry().Code(Entry().Recorder().OpenDevice(deviceName, false, handle));
 }
 
-TBX_EXPORT std::int32_t TbxDcInitialize(std::int32_t device, std::int32_t mode)
+RECORDER_EXPORT std::int32_t TbxDcInitialize(std::int32_t device, std::int32_t mode)
 {
     if (mode != 0 && mode != 1) return kTbxBadArgument;
     return Entry().Code(Entry().Recorder().Initialise(device));
 }
 
-TBX_EXPORT std::int32_t TbxDcClose(std::int32_t device)
+RECORDER_EXPORT std::int32_t TbxDcClose(std::int32_t device)
 {
     return Entry().Code(Entry().Recorder().CloseDevice(device));
 }
 
-TBX_EXPORT std::int32_t TbxDcGetVersionInfo(std::int32_t device, TbxVersionInfo* info)
+RECORDER_EXPORT std::int32_t TbxDcGetVersionInfo(std::int32_t device, TbxVersionInfo* info)
 {
     if (!info) return kTbxBadArgument;
     auto v = Zeroed<TbxVersionInfo>();
@@ -57,13 +55,13 @@ TBX_EXPORT std::int32_t TbxDcGetVersionInfo(std::int32_t device, TbxVersionInfo*
     return kTbxOk;
 }
 
-TBX_EXPORT std::int32_t TbxDcQueryVolumeSpace(std::int32_t device, TbxVolumeSpace* r)
+RECORDER_EXPORT std::int32_t TbxDcQueryVolumeSpace(std::int32_t device, TbxVolumeSpace* r)
 {
     if (!r) return kTbxBadArgument;
     return Entry().FramesFit(device, r->folder, r->videoRate, r->alphaRate, r->framesFit);
 }
 
-TBX_EXPORT std::int32_t TbxPlyCreateClipItem(std::int32_t device, const TbxClipCreateIn* in, TbxClipCreateOut* out)
+RECORDER_EXPORT std::int32_t TbxPlyCreateClipItem(std::int32_t device, const TbxClipCreateIn* in, TbxClipCreateOut* out)
 {
     if (!in || !out) return kTbxBadArgument;
     const bool alpha = (in->flags & kTbxCreateAlpha) != 0;
@@ -79,35 +77,35 @@ TBX_EXPORT std::int32_t TbxPlyCreateClipItem(std::int32_t device, const TbxClipC
     return Entry().CreateClip(device, q, out->videoItem, out->alphaItem);
 }
 
-TBX_EXPORT std::int32_t TbxPlyImport(std::int32_t device, const TbxImportRecord* r)
+RECORDER_EXPORT std::int32_t TbxPlyImport(std::int32_t device, const TbxImportRecord* r)
 {
     if (!r) return kTbxBadArgument;
     return Entry().Import(device, r->videoItem, r->alphaItem, r->videoField, r->alphaField, r->data, r->pixelFormat);
 }
 
-TBX_EXPORT std::int32_t TbxDereferenceObject(std::int32_t object)
+RECORDER_EXPORT std::int32_t TbxDereferenceObject(std::int32_t object)
 {
     return Entry().Code(Entry().Recorder().Dereference(object));
 }
 
-TBX_EXPORT std::int32_t TbxDcSetAppInfo(std::int32_t device, const char* path, const std::uint8_t* block)
+RECORDER_EXPORT std::int32_t TbxDcSetAppInfo(std::int32_t device, const char* path, const std::uint8_t* block)
 {
     return Entry().Code(Entry().Recorder().SetAppInfo(device, path, block));
 }
 
-TBX_EXPORT std::int32_t TbxMixSetPreview(std::int32_t device, const TbxPreview* r)
+RECORDER_EXPORT std::int32_t TbxMixSetPreview(std::int32_t device, const TbxPreview* r)
 {
     TbxPreview copy = r ? *r : TbxPreview{};
     return Entry().Bus(device, BusKind::Preview, r ? &copy : nullptr, true);
 }
 
-TBX_EXPORT std::int32_t TbxDcSetM2Routing(std::int32_t device, const TbxM2Routing* r)
+RECORDER_EXPORT std::int32_t TbxDcSetM2Routing(std::int32_t device, const TbxM2Routing* r)
 {
     TbxM2Routing copy = r ? *r : TbxM2Routing{};
     return Entry().Bus(device, BusKind::Routing, r ? &copy : nullptr, true);
 }
 
-TBX_EXPORT std::int32_t TbxDcGetFileInfo(std::int32_t device, const char* path, TbxFileInfo* info)
+RECORDER_EXPORT std::int32_t TbxDcGetFileInfo(std::int32_t device, const char* path, TbxFileInfo* info)
 {
     if (!info) return kTbxBadArgument;
     ClipFacts f;
@@ -127,13 +125,13 @@ TBX_EXPORT std::int32_t TbxDcGetFileInfo(std::int32_t device, const char* path, 
     return kTbxOk;
 }
 
-TBX_EXPORT std::int32_t TbxPlyOpenClipItem(std::int32_t device, const char* path, std::int32_t* item)
+RECORDER_EXPORT std::int32_t TbxPlyOpenClipItem(std::int32_t device, const char* path, std::int32_t* item)
 {
     if (!item) return kTbxBadArgument;
     return Entry().Code(Entry().Recorder().OpenClipItem(device, path, *item));
 }
 
-TBX_EXPORT std::int32_t TbxPlyItemQuery(std::int32_t item, TbxItemInfo* info)
+RECORDER_EXPORT std::int32_t TbxPlyItemQuery(std::int32_t item, TbxItemInfo* info)
 {
     if (!info) return kTbxBadArgument;
     ClipFacts f;
@@ -148,7 +146,7 @@ TBX_EXPORT std::int32_t TbxPlyItemQuery(std::int32_t item, TbxItemInfo* info)
     return kTbxOk;
 }
 
-TBX_EXPORT std::int32_t TbxDcGetSystemPrefs(std::int32_t device, TbxSystemPrefs* prefs)
+RECORDER_EXPORT std::int32_t TbxDcGetSystemPrefs(std::int32_t device, TbxSystemPrefs* prefs)
 {
     return Entry().SystemPrefs(device, prefs);
 }

@@ -4,8 +4,6 @@
 #include "device/RecorderAbi.h"
 #include "recorder/BackendEntry.h"
 
-#define ZUB_EXPORT extern "C" __attribute__((visibility("default")))
-
 using namespace zub::rec;
 
 namespace {
@@ -22,27 +20,27 @@ BackendEntry& Entry()
 
 }  // namespace
 
-ZUB_EXPORT const char* ZubRecorderLastError()
+RECORDER_EXPORT const char* ZubRecorderLastError()
 {
     return SubstituteRecorder::LastError();
 }
 
-ZUB_EXPORT std::int32_t ZubDdrOpenDevice(std::int32_t deviceName, std::int32_t* handle)
+RECORDER_EXPORT std::int32_t ZubDdrOpenDevice(std::int32_t deviceName, std::int32_t* handle)
 {
     return Entry().Code(Entry().Recorder().OpenDevice(deviceName, true, handle));
 }
 
-ZUB_EXPORT std::int32_t ZubObjReference(std::int32_t object)
+RECORDER_EXPORT std::int32_t ZubObjReference(std::int32_t object)
 {
     return Entry().Code(Entry().Recorder().Reference(object));
 }
 
-ZUB_EXPORT std::int32_t ZubObjDereference(std::int32_t object)
+RECORDER_EXPORT std::int32_t ZubObjDereference(std::int32_t object)
 {
     return Entry().Code(Entry().Recorder().Dereference(object));
 }
 
-ZUB_EXPORT std::int32_t ZubDdrGetSystemInfo(std::int32_t device, ZubSystemInfo* info)
+RECORDER_EXPORT std::int32_t ZubDdrGetSystemInfo(std::int32_t device, ZubSystemInfo* info)
 {
     if (!info) return kZubBadArgument;
     auto s = Zeroed<ZubSystemInfo>();
@@ -51,7 +49,7 @@ ZUB_EXPORT std::int32_t ZubDdrGetSystemInfo(std::int32_t device, ZubSystemInfo* 
     return r;
 }
 
-ZUB_EXPORT std::int32_t ZubDdrQueryDeviceCaps(std::int32_t device, ZubDeviceCaps* caps)
+RECORDER_EXPORT std::int32_t ZubDdrQueryDeviceCaps(std::int32_t device, ZubDeviceCaps* caps)
 {
     if (!caps) return kZubBadArgument;
     std::int32_t lines = 0, width = 0, height = 0;
@@ -62,7 +60,7 @@ ZUB_EXPORT std::int32_t ZubDdrQueryDeviceCaps(std::int32_t device, ZubDeviceCaps
     return kZubOk;
 }
 
-ZUB_EXPORT std::int32_t ZubDdrQueryVolumeSpace(std::int32_t device, const ZubVolumeQuery* in, ZubVolumeSpace* out)
+RECORDER_EXPORT std::int32_t ZubDdrQueryVolumeSpace(std::int32_t device, const ZubVolumeQuery* in, ZubVolumeSpace* out)
 {
     if (!in || !out) return kZubBadArgument;
     std::int32_t frames = 0;
@@ -73,7 +71,7 @@ ZUB_EXPORT std::int32_t ZubDdrQueryVolumeSpace(std::int32_t device, const ZubVol
     return kZubOk;
 }
 
-ZUB_EXPORT std::int32_t ZubVideoCreateClipItem(std::int32_t device, ZubClipCreate* r)
+RECORDER_EXPORT std::int32_t ZubVideoCreateClipItem(std::int32_t device, ZubClipCreate* r)
 {
     if (!r) return kZubBadArgument;
     // The ZUB record carries no stream types: a rate of -1 is an uncompressed stream.
@@ -90,24 +88,24 @@ ZUB_EXPORT std::int32_t ZubVideoCreateClipItem(std::int32_t device, ZubClipCreat
     return Entry().CreateClip(device, q, r->videoItem, r->alphaItem);
 }
 
-ZUB_EXPORT std::int32_t ZubVideoImport(std::int32_t device, const ZubImportRecord* r)
+RECORDER_EXPORT std::int32_t ZubVideoImport(std::int32_t device, const ZubImportRecord* r)
 {
     if (!r) return kZubBadArgument;
     return Entry().Import(device, r->videoItem, r->alphaItem, r->videoField, r->alphaField, r->data, r->pixelFormat);
 }
 
-ZUB_EXPORT std::int32_t ZubGfxLoadImage(std::int32_t device, const ZubGfxImage* r)
+RECORDER_EXPORT std::int32_t ZubGfxLoadImage(std::int32_t device, const ZubGfxImage* r)
 {
     if (!r) return kZubBadArgument;
     return Entry().Code(Entry().Recorder().ShowImage(device, r->data, Entry().Kind(r->pixelFormat)));
 }
 
-ZUB_EXPORT std::int32_t ZubDdrSetFileAppInfo(std::int32_t device, const char* path, const std::uint8_t* block)
+RECORDER_EXPORT std::int32_t ZubDdrSetFileAppInfo(std::int32_t device, const char* path, const std::uint8_t* block)
 {
     return Entry().Code(Entry().Recorder().SetAppInfo(device, path, block));
 }
 
-ZUB_EXPORT std::int32_t ZubDdrGetFileInfo(std::int32_t device, const char* path, ZubDdrFileInfo* info)
+RECORDER_EXPORT std::int32_t ZubDdrGetFileInfo(std::int32_t device, const char* path, ZubDdrFileInfo* info)
 {
     if (!info) return kZubBadArgument;
     *info = Zeroed<ZubDdrFileInfo>();
@@ -117,7 +115,7 @@ ZUB_EXPORT std::int32_t ZubDdrGetFileInfo(std::int32_t device, const char* path,
     return kZubOk;
 }
 
-ZUB_EXPORT std::int32_t ZubFileQueryInfo(std::int32_t device, const char* path, ZubFileInfo* info)
+RECORDER_EXPORT std::int32_t ZubFileQueryInfo(std::int32_t device, const char* path, ZubFileInfo* info)
 {
     if (!info) return kZubBadArgument;
     ClipFacts f;
@@ -138,24 +136,24 @@ ZUB_EXPORT std::int32_t ZubFileQueryInfo(std::int32_t device, const char* path, 
     return kZubOk;
 }
 
-ZUB_EXPORT std::int32_t ZubMixSetPreviewBusCtrl(std::int32_t device, const ZubPreviewBus* r)
+RECORDER_EXPORT std::int32_t ZubMixSetPreviewBusCtrl(std::int32_t device, const ZubPreviewBus* r)
 {
     ZubPreviewBus copy = r ? *r : ZubPreviewBus{};
     return Entry().Bus(device, BusKind::Preview, r ? &copy : nullptr, true);
 }
 
-ZUB_EXPORT std::int32_t ZubMixGetOutputBusCtrl(std::int32_t device, ZubOutputBus* r)
+RECORDER_EXPORT std::int32_t ZubMixGetOutputBusCtrl(std::int32_t device, ZubOutputBus* r)
 {
     return Entry().Bus(device, BusKind::Output, r, false);
 }
 
-ZUB_EXPORT std::int32_t ZubMixSetOutputBusCtrl(std::int32_t device, const ZubOutputBus* r)
+RECORDER_EXPORT std::int32_t ZubMixSetOutputBusCtrl(std::int32_t device, const ZubOutputBus* r)
 {
     ZubOutputBus copy = r ? *r : ZubOutputBus{};
     return Entry().Bus(device, BusKind::Output, r ? &copy : nullptr, true);
 }
 
-ZUB_EXPORT std::int32_t ZubDdrGetFileSystemPrefs(std::int32_t device, ZubFileSystemPrefs* prefs)
+RECORDER_EXPORT std::int32_t ZubDdrGetFileSystemPrefs(std::int32_t device, ZubFileSystemPrefs* prefs)
 {
     return Entry().SystemPrefs(device, prefs);
 }
