@@ -1,0 +1,186 @@
+#include "mxfwrap/MXFWrap.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/error.h>
+#include <libavutil/mathematics.h>
+}
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+thread_local std::string t_error;
+
+struct InputCloser {
+    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
+};
+struct OutputCloser {
+    void operator()(AVFormatContext* c) const
+    {
+        if (c->pb && !(c->oformat->flags & AVFMT_NOFILE)) avio_closep(&c->pb);
+        avformat_free_context(c);
+    }
+};
+struct PacketFree {
+    void operator()(AVPacket* p) const { av_packet_free(&p); }
+};
+using InputPtr = std::unique_ptr<AVFormatContext, InputCloser>;
+using OutputPtr = std::unique_ptr<AVFormatContext, OutputCloser>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
+
+std::string AvError(int code)
+{
+    char buf[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, buf, sizeof buf);
+    return buf;
+}
+
+std::string TempFolder()
+{
+    const char* t = std::getenv("TMPDIR");
+    std::string folder = t && *t ? t : "/tmp";
+    if (folder.back() != '/') folder += '/';
+    return folder;
+}
+
+// Removes the half-made copy unless the unwrap got to the end.
+class TempFile {
+public:
+    explicit TempFile(std::string path) : path_(std::move(path)) {}
+    ~TempFile()
+    {
+        if (!keep_) std::remove(path_.c_str());
+    }
+    const std::string& Path() const { return path_; }
+    void Keep() { keep_ = true; }
+
+private:
+    std::string path_;
+    bool keep_ = false;
+};
+
+bool Unwrap(const std::string& source, std::string& target)
+{
+    auto fail = [&](const std::string& why) {
+        t_error = source + ": " + why;
+        return false;
+    };
+
+    AVFormatContext* raw = nullptr;
+    const int openRc = avformat_open_input(&raw, source.c_str(), nullptr, nullptr);
+    if (openRc < 0) return fail("cannot be opened as media (" + AvError(openRc) + ")");
+    InputPtr in(raw);
+    if (std::strcmp(in->iformat->name, "mxf") != 0)
+        return fail(std::string("not an MXF file (it reads as ") + in->iformat->name + ")");
+    const int infoRc = avformat_find_stream_info(in.get(), nullptr);
+    if (infoRc < 0) return fail("damaged MXF: its streams cannot be read (" + AvError(infoRc) + ")");
+
+    // Only picture and sound go across; time code and data tracks mean nothing to the converter.
+    std::vector<int> map(in->nb_streams, -1);
+    int mapped = 0;
+    for (unsigned i = 0; i < in->nb_streams; ++i) {
+        const AVCodecParameters* p = in->streams[i]->codecpar;
+        if ((p->codec_type == AVMEDIA_TYPE_VIDEO || p->codec_type == AVMEDIA_TYPE_AUDIO) && p->codec_id != AV_CODEC_ID_NONE)
+            map[i] = mapped++;
+    }
+    if (mapped == 0) return fail("the MXF file holds no video or audio essence");
+
+    std::string name = TempFolder() + "mxfunwrap-XXXXXX.mkv";
+    const int fd = ::mkstemps(name.data(), 4);
+    if (fd < 0) return fail("cannot create a file in " + TempFolder() + " (" + std::strerror(errno) + ")");
+    ::close(fd);
+    TempFile temp(name);
+
+    AVFormatContext* rawOut = nullptr;
+    if (avformat_alloc_output_context2(&rawOut, nullptr, "matroska", name.c_str()) < 0 || !rawOut)
+        return fail("the Matroska writer is not available");
+    OutputPtr out(rawOut);
+    for (unsigned i = 0; i < in->nb_streams; ++i) {
+        if (map[i] < 0) continue;
+        AVStream* os = avformat_new_stream(out.get(), nullptr);
+        if (!os) return fail("out of memory");
+        const int rc = avcodec_parameters_copy(os->codecpar, in->streams[i]->codecpar);
+        if (rc < 0) return fail("cannot copy stream parameters (" + AvError(rc) + ")");
+        os->codecpar->codec_tag = 0;
+        os->time_base = in->streams[i]->time_base;
+        os->avg_frame_rate = in->streams[i]->avg_frame_rate;
+        os->r_frame_rate = in->streams[i]->r_frame_rate;
+    }
+    int rc = avio_open(&out->pb, name.c_str(), AVIO_FLAG_WRITE);
+    if (rc < 0) return fail(name + ": cannot be written (" + AvError(rc) + ")");
+    rc = avformat_write_header(out.get(), nullptr);
+    if (rc < 0) return fail("its essence cannot be put in a Matroska file (" + AvError(rc) + ")");
+
+    PacketPtr pkt(av_packet_alloc());
+    if (!pkt) return fail("out of memory");
+    std::vector<int64_t> nextDts(in->nb_streams, AV_NOPTS_VALUE);
+    long packets = 0;
+    while (true) {
+        rc = av_read_frame(in.get(), pkt.get());
+        if (rc == AVERROR_EOF) break;
+        if (rc < 0) return fail("damaged MXF: reading stopped after " + std::to_string(packets) + " packets (" + AvError(rc) + ")");
+        const int si = pkt->stream_index;
+        if (si < 0 || si >= static_cast<int>(map.size()) || map[si] < 0) {
+            av_packet_unref(pkt.get());
+            continue;
+        }
+        // Some MXF essence comes without time stamps on every packet; the writer needs them,
+        // so a missing one continues from the packet before.
+        if (pkt->dts == AV_NOPTS_VALUE) pkt->dts = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : nextDts[si];
+        if (pkt->pts == AV_NOPTS_VALUE) pkt->pts = pkt->dts;
+        if (pkt->dts == AV_NOPTS_VALUE) pkt->pts = pkt->dts = 0;
+        nextDts[si] = pkt->dts + (pkt->duration > 0 ? pkt->duration : 1);
+        AVStream* os = out->streams[map[si]];
+        av_packet_rescale_ts(pkt.get(), in->streams[si]->time_base, os->time_base);
+        pkt->stream_index = map[si];
+        pkt->pos = -1;
+        rc = av_interleaved_write_frame(out.get(), pkt.get());
+        if (rc < 0) return fail(name + ": writing failed (" + AvError(rc) + ")");
+        ++packets;
+    }
+    if (packets == 0) return fail("damaged MXF: no video or audio packets could be read");
+    rc = av_write_trailer(out.get());
+    if (rc < 0) return fail(name + ": cannot be finished (" + AvError(rc) + ")");
+    rc = avio_closep(&out->pb);
+    if (rc < 0) return fail(name + ": cannot be closed (" + AvError(rc) + ")");
+    temp.Keep();
+    target = name;
+    return true;
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int G_LaunchMXFUnwrap(void* parentWindow, char* path, size_t capacity)
+{
+    (void)parentWindow;
+    t_error.clear();
+    if (!path || capacity == 0 || ::memchr(path, '\0', capacity) == nullptr) {
+        t_error = "G_LaunchMXFUnwrap: no file name given";
+        return 0;
+    }
+    const std::string source(path);
+    std::string target;
+    if (!Unwrap(source, target)) return 0;
+    if (target.size() + 1 > capacity) {
+        std::remove(target.c_str());
+        t_error = source + ": the unwrapped file's name does not fit the " + std::to_string(capacity) + "-byte buffer";
+        return 0;
+    }
+    std::memcpy(path, target.c_str(), target.size() + 1);
+    return 1;
+}
+
+extern "C" __attribute__((visibility("default"))) const char* G_MXFUnwrapError(void)
+{
+    return t_error.c_str();
+}
