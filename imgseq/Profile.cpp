@@ -45,6 +45,7 @@ constexpr IntKey kIntKeys[] = {
     {"VideoFixedSize", &ProfileRecord::fixedFieldSize},
 };
 constexpr const char* kVideoPathKey = "VideoPath";
+constexpr const char* kFillGapsKey = "ImportSeqFillGaps";
 
 bool Fail(std::string* error, std::string message)
 {
@@ -105,6 +106,7 @@ ProfileRecord ProfileFromSettings(const ImportSettings& s)
     p.videoDataRate = s.videoDataRate;
     p.fixedFieldSize = s.fixedFieldSize;
     p.videoPath = s.videoDir;
+    p.fillGaps = s.fillGaps;
     return p;
 }
 
@@ -123,6 +125,7 @@ void ApplyProfile(const ProfileRecord& p, ImportSettings& s)
     s.videoDataRate = p.videoDataRate;
     s.fixedFieldSize = p.fixedFieldSize;
     s.videoDir = p.videoPath;
+    s.fillGaps = p.fillGaps;
 }
 
 std::string ProfilesFolderIn(std::string_view programFolder)
@@ -165,6 +168,7 @@ bool ReadProfile(const std::string& path, ProfileRecord* record, std::string* er
         ProfileRecord r;
         for (const IntKey& k : kIntKeys) r.*k.field = ProfileInt(ini, kParameter, k.name, 0);
         r.videoPath = ProfileString(ini, kParameter, kVideoPathKey);
+        r.fillGaps = ProfileInt(ini, kParameter, kFillGapsKey, 0);
         *record = std::move(r);
     }
     return true;
@@ -187,6 +191,7 @@ bool WriteProfile(const std::string& path, const ProfileRecord& record, std::str
     ini.SetValue(kHeader, "Description", path.c_str());
     for (const IntKey& k : kIntKeys) ini.SetValue(kParameter, k.name, std::to_string(record.*k.field).c_str());
     ini.SetValue(kParameter, kVideoPathKey, record.videoPath.c_str());
+    ini.SetValue(kParameter, kFillGapsKey, std::to_string(record.fillGaps).c_str());
 
     std::string text;
     if (ini.Save(text) < 0) return Fail(error, path + ": cannot form the profile text");

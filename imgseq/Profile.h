@@ -28,6 +28,9 @@ struct ProfileRecord {
     std::int32_t videoDataRate = 0;      // VideoDataRate, bytes per second
     std::int32_t fixedFieldSize = 0;     // VideoFixedSize
     std::string videoPath;               // VideoPath (at most 259 characters are read back)
+    // ImportSeqFillGaps, written after the path so the older keys keep their order; older
+    // profiles lack it and read as 0, the run as it always was.
+    std::int32_t fillGaps = 0;
 
     bool operator==(const ProfileRecord&) const = default;
 };

@@ -53,7 +53,7 @@ int StartImgSeq(CImgSeqPrefsInfo* prefs, const ImgSeqEntryOptions& options, ImgS
         request.files = options.files;
         request.clipName = options.clipName;
         request.batchProcess = options.batchProcess;
-        request.fillGaps = options.fillGaps;
+        request.fillGaps = options.fillGaps || CurrentSettings().fillGaps != 0;
         ImgSeqRunResult r = RunImageSequence(request);
         result = r.endCode == 1 ? 1 : 0;
         clipPath = r.clipPath;

@@ -50,6 +50,7 @@ struct ImportSettings {
     std::int32_t fitWord = 0;     // fit mode, safe area and resize method packed
     std::int32_t swapFields = 0;  // "S&wap Field Scanlines"
     std::int32_t shiftDown = 0;   // "Shift Image &Down One Scanline"
+    std::int32_t fillGaps = 0;    // hold the previous image for each number missing from a sequence
 
     std::int32_t batchFilterIndex = 0;  // file-type filter the batch "Add" dialog used last
 

@@ -79,6 +79,7 @@ ProfileRecord Sample()
     r.videoDataRate = 3145728;
     r.fixedFieldSize = 1;
     r.videoPath = "D:\\Video\\Clips\\";
+    r.fillGaps = 1;
     return r;
 }
 
@@ -116,7 +117,7 @@ TEST(SeqProfile, WrittenFileReadsTheSameOnTheHostsRules)
         "parameter/importseqshift", "parameter/importseqadapt", "parameter/importseqalphaadapt",
         "parameter/videoalphacreate", "parameter/videoalphasameasvideo", "parameter/videoalphauncompressed",
         "parameter/videoalphadatarate", "parameter/videouncompressed", "parameter/videodatarate",
-        "parameter/videofixedsize", "parameter/videopath"};
+        "parameter/videofixedsize", "parameter/videopath", "parameter/importseqfillgaps"};
     EXPECT_EQ(host.order, expected);
     EXPECT_EQ(host.values.at("header/product"), "Kestrel");
     EXPECT_EQ(host.values.at("header/version"), "1");
@@ -125,6 +126,7 @@ TEST(SeqProfile, WrittenFileReadsTheSameOnTheHostsRules)
     EXPECT_EQ(host.values.at("parameter/importseqfit"), "-1");
     EXPECT_EQ(host.values.at("parameter/videodatarate"), "3145728");
     EXPECT_EQ(host.values.at("parameter/videopath"), "D:\\Video\\Clips\\");
+    EXPECT_EQ(host.values.at("parameter/importseqfillgaps"), "1");
     // Exact key spelling as written.
     EXPECT_NE(Slurp(path).find("[Parameter]"), std::string::npos);
     EXPECT_NE(Slurp(path).find("VideoAlphaSameAsVideo=0"), std::string::npos);
