@@ -35,6 +35,8 @@ NumericEdit::NumericEdit(QWidget* parent) : QLineEdit(parent), scroll_(new QScro
     scroll_->setPageStep(1);
     scroll_->setFocusPolicy(Qt::NoFocus);
     scroll_->setAccessibleName("Adjust value");
+    // Attached: as tall as the edit, narrow, so the pair reads as one control.
+    scroll_->setFixedSize(16, sizeHint().height());
     SetRange(min_, max_, places_, step_);
     connect(scroll_, &QScrollBar::valueChanged, this, [this](int v) { OnScrolled(v); });
     connect(this, &QLineEdit::textEdited, this, [this] { OnTextEdited(); });

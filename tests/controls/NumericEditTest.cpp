@@ -17,11 +17,11 @@ namespace {
 
 // An edit for 0.50 .. 15.00 MB/sec placed in a window with its scroll control.
 struct EditFixture : ::testing::Test {
+    QApplication& app = test::GuiApp();  // before any widget member
     QWidget window;
     NumericEdit* edit = nullptr;
     void SetUp() override
     {
-        test::GuiApp();
         auto* layout = new QHBoxLayout(&window);
         edit = new NumericEdit;
         edit->SetRange(50, 1500, 2);
