@@ -1,8 +1,28 @@
 #include "zubimport/ConvertDlg.h"
 
+#include <QCoreApplication>
+#include <QEventLoop>
+
 #include <cstdio>
+#include <mutex>
+
+#include "convert/ConvertSession.h"
+#include "graph/GraphAudioReader.h"
+#include "graph/GraphVideoReader.h"
+#include "quicktime/QuickTimeSource.h"
 
 namespace zub {
+
+namespace {
+
+// PressAbort may come from a signal-watching or other thread while Modal ends.
+std::mutex& SessionMutex()
+{
+    static std::mutex m;
+    return m;
+}
+
+}  // namespace
 
 CConvertDlg::CConvertDlg(std::string sourcePath, int serverMode)
     : source_(std::move(sourcePath)), serverMode_(serverMode)
@@ -13,14 +33,79 @@ CConvertDlg::~CConvertDlg() = default;
 
 int CConvertDlg::Modal(void*)
 {
-    std::fprintf(stderr, "libImport: CConvertDlg::Modal: the conversion engine is not built yet\n");
-    return 2;
+    report_ = ConvertReport{};
+    videoPath_.clear();
+    audioPath_.clear();
+    convertVideo_ = convertAudio_ = makeDva_ = 0;
+
+    // A host without an application object (a command-line tool, the batch import, a test)
+    // still gets an event loop for the conversion's timers and posted messages.
+    std::unique_ptr<QCoreApplication> ownApp;
+    if (!QCoreApplication::instance()) {
+        static int argc = 1;
+        static char name[] = "libImport";
+        static char* argv[] = {name, nullptr};
+        ownApp = std::make_unique<QCoreApplication>(argc, argv);
+    } else if (QCoreApplication::instance()->inherits("QApplication")) {
+        std::fprintf(stderr, "libImport: the Media Conversion dialog is not built yet; converting without a window\n");
+    }
+
+    int code = 2;
+    {
+        ConvertSession session(*this);
+        QEventLoop loop;
+        session.onEnd = [&loop](int) { loop.exit(); };
+        session.SetHeadless(true);
+        {
+            std::lock_guard<std::mutex> lock(SessionMutex());
+            session_ = &session;
+        }
+        if (session.Init()) {
+            // Without a window nobody presses Convert: the default button is pressed for the
+            // user, as the batch mode does.
+            if (!batchProcess_) session.Post(kEvPressConvert);
+            if (!session.Ended()) loop.exec();
+        }
+        code = session.EndCode();
+        {
+            std::lock_guard<std::mutex> lock(SessionMutex());
+            session_ = nullptr;
+        }
+    }
+    report_.endCode = code;
+    return code;
 }
 
-int CConvertDlg::ConvertableFile(const char*, int)
+void CConvertDlg::PressAbort()
 {
-    std::fprintf(stderr, "libImport: CConvertDlg::ConvertableFile: the conversion engine is not built yet\n");
-    return 0;
+    std::lock_guard<std::mutex> lock(SessionMutex());
+    if (session_) session_->Post(kEvPressAbort);
+}
+
+int CConvertDlg::ConvertableFile(const char* path, int)
+{
+    if (!path || !*path) return 0;
+    bool video = false, audio = false;
+    {
+        CGraphVideoReader v;
+        video = v.Init() && v.OpenVideo(path);
+    }
+    if (video) return 1;
+    {
+        CGraphAudioReader a;
+        audio = a.Init() && a.OpenAudio(path);
+    }
+    if (audio) return 1;
+    {
+        CQuickTimeVideoSource qv;
+        if (qv.Start() && qv.Open(path)) {
+            int w = 0, h = 0;
+            qv.GetFrameSize(w, h);
+            if (w > 0 && h > 0 && qv.CountFrames() > 0) return 1;
+        }
+    }
+    CQuickTimeAudioSource qa;
+    return qa.Open(path) ? 1 : 0;
 }
 
 void CConvertDlg::GetTargetFilePaths(std::string& first, std::string& second) const
@@ -45,7 +130,5 @@ std::string CConvertDlg::GetResultText() const
 {
     return report_.messages.empty() ? std::string() : report_.messages.back();
 }
-
-void CConvertDlg::PressAbort() {}
 
 }  // namespace zub

@@ -3,7 +3,6 @@
 // engine; the members here delegate to the engines so they run without any window.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -112,7 +111,7 @@ private:
     int convertVideo_ = 0, convertAudio_ = 0, makeDva_ = 0;
     ConvertReport report_;
     std::function<void(const ConvertProgress&)> progress_;
-    std::atomic<ConvertSession*> session_{nullptr};
+    ConvertSession* session_ = nullptr;  // while Modal runs; guarded for PressAbort
     // shared_ptr: its deleter is bound where AudioState is complete, so this header and the
     // destructor need not see it.
     std::shared_ptr<AudioState> audio_;

@@ -1,0 +1,202 @@
+// The conversion engine behind CConvertDlg: probes the source when the dialog opens, names
+// the targets, starts a conversion on Convert, takes each decoded frame through the image
+// pipeline into the recorder, supervises the running streams once a second, finishes the files
+// (association, rate record, audio format) and carries out errors and aborts.
+//
+// It is a QObject on the thread that runs the dialog's event loop. The graph route delivers
+// frames on the media framework's streaming thread; that thread shares only the atomic flags
+// below with the dialog thread and talks to it by posted events, exactly as the design's
+// window messages do. Nothing here draws: a dialog (or a headless host) reads ViewState and
+// calls the handlers.
+#pragma once
+
+#include <QObject>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "graph/GraphVideoReader.h"
+#include "imgseq/ImageFitting.h"
+#include "zubimport/ConvertDlg.h"
+#include "zubimport/Prompt.h"
+
+namespace zub {
+
+class CGraphAudioReader;
+class CQuickTimeVideoSource;
+class CQuickTimeAudioSource;
+
+// Posted events, numbered as the window messages they stand for.
+enum ConvertEvent : int {
+    kEvConvertFrame = 0x40A,     // movie pump step
+    kEvConvertError = 0x40B,     // a conversion error: ask whether to discard
+    kEvStopVideo = 0x40D,        // the frame budget is used up
+    kEvConvertAbort = 0x40E,     // carry out an abort asked while a frame was in progress
+    kEvResizeError = 0x40F,      // the frame did not fit (width, height)
+    kEvPressConvert = 0x5000,    // the Convert button, pressed by the batch mode or a host
+    kEvPressAbort = 0x5001,      // the Abort button, pressed from any thread
+};
+
+// The controls of the dialog as the engine wants them shown.
+struct ConvertViewState {
+    std::string clipName;
+    bool videoChecked = false, videoEnabled = false;
+    bool audioChecked = false, audioEnabled = false;
+    bool dvaChecked = false, dvaEnabled = false;
+    bool showImagesChecked = false, showImagesEnabled = false;
+    bool settingsEnabled = true;
+    bool convertEnabled = true;
+    bool nameEnabled = true;
+    std::string convertLabel = "Convert";   // "OK" in settings-only mode
+    std::string closeLabel = "Cancel";      // "&Abort" while converting
+    bool closeEnabled = true;
+    std::string fileNames;                  // the Filename(s) box
+    unsigned videoProgress = 0, videoRange = 0;
+    int audioProgress = 0;
+    bool converting = false;
+};
+
+// The clip's frame budget from a duration and a time per frame (100 ns units): the nearest
+// whole number of frames (1,001,000 / 333,667 gives 3). 0 when the rate is unknown.
+unsigned FrameBudget(std::int64_t duration, std::int64_t timePerFrame);
+
+class ConvertSession final : public QObject, public IVideoFrameSink {
+public:
+    explicit ConvertSession(CConvertDlg& owner);
+    ~ConvertSession() override;
+    ConvertSession(const ConvertSession&) = delete;
+    ConvertSession& operator=(const ConvertSession&) = delete;
+
+    // Probing when the dialog opens. False when the dialog ended there (EndCode() says how).
+    bool Init();
+
+    // Handlers of the dialog's controls.
+    void SetClipName(const std::string& name);
+    void SetVideoChecked(bool on);
+    void SetAudioChecked(bool on);
+    void SetDvaChecked(bool on);
+    void SetShowImages(bool on);
+    void SettingsChanged();  // after the settings dialog: recompute the targets
+    void OnConvert();
+    void OnCancel();         // the close button: Cancel, or Abort while converting
+
+    // Without a window nobody is left to press a button after a Convert that did not start:
+    // the session then ends as Cancel would.
+    void SetHeadless(bool on) { headless_ = on; }
+
+    bool Ended() const { return ended_; }
+    int EndCode() const { return endCode_; }
+    const ConvertViewState& View() const { return view_; }
+
+    // Called when the dialog ends (with its code) and whenever the view state changed.
+    std::function<void(int)> onEnd;
+    std::function<void()> onViewChanged;
+
+    // The graph route's frame sink (streaming thread).
+    int VideoCallback(const VideoSample& sample) override;
+
+    // The frame path's pieces, reachable by tests.
+    int VideoCompressFrame();
+    int ServerVideoCompressFrame(std::uint8_t* data);
+    // The sample as the server path receives it: 40-byte header and rows at its depth.
+    bool ServerFrameFromSample(const VideoSample& sample, std::vector<std::uint8_t>& bitmap);
+
+    // Timer 10's work; the error handlers run it directly.
+    void CompletionStep();
+
+    // Posts one of the events above to the session; safe from any thread.
+    void Post(int type, int w = 0, int h = 0);
+
+protected:
+    void customEvent(QEvent* event) override;
+    void timerEvent(QTimerEvent* event) override;
+
+private:
+    int ServerVideoCallback(const VideoSample& sample);
+    bool TakeSample24(const std::uint8_t* rows, std::ptrdiff_t stride, int width, int height);
+    void End(int code);
+    void UpdateTargets();
+    bool FormTarget(const std::string& dir, const char* ext, std::string& path);
+    bool PrepareTarget(std::string& path);
+    bool SetUpFramePath();
+    void ReleaseReaders();
+    void StopGraphs();
+    void StopVideoGraph();
+    void OnConvertFrame();
+    void OnConvertError();
+    void OnResizeError(int w, int h);
+    void AskDiscard(const std::string& text);
+    void OnConvertAbort();
+    void Changed();
+    void ReportProgress();
+    void WriteDva();
+
+    // Messages: every one is recorded for the report; `always` ones are shown in batch mode too.
+    Answer Say(const std::string& text, Buttons buttons = Buttons::Ok, Icon icon = Icon::Warning,
+               int defaultButton = 0, bool always = false);
+
+    CConvertDlg& dlg_;
+    ConvertViewState view_;
+    bool ended_ = false;
+    int endCode_ = 0;
+
+    // Readers; null when absent.
+    std::unique_ptr<CGraphVideoReader> graphVideo_;
+    std::unique_ptr<CGraphAudioReader> graphAudio_;
+    std::unique_ptr<CQuickTimeVideoSource> qtVideo_;
+    std::unique_ptr<CQuickTimeAudioSource> qtAudio_;
+    int qtVideoFinished_ = 1;
+    int qtAudioFinished_ = 1;
+    bool graphUsable_ = false;
+
+    int hasVideo_ = 0, hasAudio_ = 0;
+    bool sourceAlpha_ = false;
+    int sourceWidth_ = 0, sourceHeight_ = 0, sourceBits_ = 0;
+    int choiceVideo_ = -1, choiceAudio_ = -1, choiceDva_ = -1;
+    bool isMov_ = false;
+
+    // Convert-time copies of the settings: the streaming thread reads these, never the record.
+    int videoUncompressed_ = 0, alphaUncompressed_ = 0;
+    std::int32_t videoRate_ = -1, alphaRate_ = -1;
+    bool createAlpha_ = false, alphaSame_ = false, fixedFieldSize_ = false;
+    bool videoOption_ = false, alphaOption_ = false;
+    std::int32_t fitWord_ = 0;
+    bool swap_ = false, shift_ = false;
+    bool isZub_ = true;
+    int lines_ = 525;
+    FrameSize frame_{};
+    std::atomic<int> showImages_{0};
+
+    std::int32_t videoItem_ = -1, alphaItem_ = -1;
+    std::atomic<unsigned> framesDone_{0};
+    unsigned totalFrames_ = 0;
+    std::atomic<unsigned> audioProgress_{0};
+    unsigned audioProgressShown_ = 0;
+
+    int videoDone_ = 1, audioDone_ = 1;
+    int convertVideo_ = 0, convertAudio_ = 0, makeDva_ = 0;
+    std::string videoPath_, audioPath_;
+
+    std::atomic<int> abortRequested_{0}, discardFiles_{0}, errorFlag_{0}, budgetReached_{0};
+    std::atomic<int> callbackBusy_{0}, pendingAbort_{0};
+    int inActionTimer_ = 0, errorPending_ = 0;
+    int timer10_ = 0, timer2000_ = 0;
+    bool convertPosted_ = false;
+    bool headless_ = false;
+    std::chrono::steady_clock::time_point startTick_{};
+
+    // The frame path: the working image (source size, 32 bits, top-down), the frame holder
+    // (recorder size), the server and alpha buffers, the movie's frame.
+    Image working_;
+    FrameHolder holder_;
+    std::vector<std::uint8_t> serverBuffer_;
+    std::vector<std::uint8_t> alphaBuffer_;
+    std::vector<std::uint8_t> sampleBitmap_;  // streaming thread only
+};
+
+}  // namespace zub

@@ -1,0 +1,474 @@
+// The conversion end to end, headless, on generated media and the substitute recorder: what
+// the clip, the WAVE and the association file hold is read back with zubclip, ffprobe, sox
+// and CDva, never taken from the engine's own word.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "TempDir.h"
+#include "TestMedia.h"
+#include "Tool.h"
+#include "convert/ConvertSession.h"
+#include "device/RecorderBackends.h"
+#include "device/RecorderDevice.h"
+#include "zubimport/ConvertDlg.h"
+#include "zubimport/Dva.h"
+#include "zubimport/ImportSettings.h"
+#include "zubimport/Prompt.h"
+
+using namespace zub;
+using namespace zub::test;
+namespace gen = zub::testmedia;
+
+namespace {
+
+const std::string kZubclip = ZUB_TEST_BIN_DIR "zubclip";
+
+std::string Sh(const std::string& s)
+{
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+int FfprobeFrames(const std::string& path)
+{
+    return std::atoi(CaptureLine("ffprobe -v error -select_streams v:0 -count_frames -show_entries "
+                                 "stream=nb_read_frames -of csv=p=0 " + Sh(path)).c_str());
+}
+
+struct ClipInfo {
+    int framesVideo = -1;
+    int framesKey = -1;
+    int zubvSectors = -1;  // -1: no ZUBV record
+    std::string text;
+};
+
+ClipInfo ReadClip(const std::string& clip)
+{
+    ClipInfo info;
+    info.text = Capture(kZubclip + " info " + Sh(clip) + " 2>&1");
+    std::smatch m;
+    if (std::regex_search(info.text, m, std::regex("frames readable: video (\\d+)(, key (\\d+))?"))) {
+        info.framesVideo = std::stoi(m[1]);
+        if (m[3].matched) info.framesKey = std::stoi(m[3]);
+    }
+    if (std::regex_search(info.text, m, std::regex("sectors per frame (\\d+)"))) info.zubvSectors = std::stoi(m[1]);
+    return info;
+}
+
+// The coded frame numbers of every whole frame of a clip (video or key track), in order.
+std::vector<int> ReadNumbers(const std::string& clip, const std::string& dir, bool key = false)
+{
+    std::filesystem::create_directories(dir);
+    int status = -1;
+    Capture(kZubclip + " export " + Sh(clip) + " -o " + Sh(dir) + " --track " + (key ? "key" : "video") + " >/dev/null 2>&1", &status);
+    if (status != 0) return {};
+    std::vector<std::string> pngs;
+    for (const auto& e : std::filesystem::directory_iterator(dir)) pngs.push_back(e.path().string());
+    std::sort(pngs.begin(), pngs.end());
+    std::vector<int> numbers;
+    for (const auto& png : pngs) {
+        const std::string size = CaptureLine("ffprobe -v error -show_entries stream=width,height -of csv=p=0 " + Sh(png));
+        int w = 0, h = 0;
+        if (std::sscanf(size.c_str(), "%d,%d", &w, &h) != 2) return {};
+        std::string raw = Capture("ffmpeg -v error -i " + Sh(png) + " -f rawvideo -pix_fmt " + (key ? "gray" : "bgr24") + " -");
+        if (raw.size() != std::size_t(w) * h * (key ? 1 : 3)) return {};
+        if (key) {
+            // The key track is the source's alpha plane: read it as such under a plain picture.
+            std::vector<std::uint8_t> bgra(std::size_t(w) * h * 4, 128);
+            for (std::size_t i = 0; i < raw.size(); ++i) bgra[i * 4 + 3] = static_cast<std::uint8_t>(raw[i]);
+            gen::ImageView view{bgra.data(), w, h, w * 4, gen::PixelFormat::Bgra32};
+            numbers.push_back(gen::ReadFrameNumber(view, gen::Plane::Alpha));
+        } else {
+            gen::ImageView view{reinterpret_cast<const std::uint8_t*>(raw.data()), w, h, w * 3, gen::PixelFormat::Bgr24};
+            numbers.push_back(gen::ReadFrameNumber(view));
+        }
+    }
+    return numbers;
+}
+
+std::vector<int> Sequence(int n)
+{
+    std::vector<int> v(n);
+    for (int i = 0; i < n; ++i) v[i] = i;
+    return v;
+}
+
+struct WaveInfo {
+    int rate = 0, channels = 0, bits = 0;
+    double seconds = 0;
+};
+
+WaveInfo Sox(const std::string& path)
+{
+    WaveInfo w;
+    w.rate = std::atoi(CaptureLine("sox --i -r " + Sh(path)).c_str());
+    w.channels = std::atoi(CaptureLine("sox --i -c " + Sh(path)).c_str());
+    w.bits = std::atoi(CaptureLine("sox --i -b " + Sh(path)).c_str());
+    w.seconds = std::atof(CaptureLine("sox --i -D " + Sh(path)).c_str());
+    return w;
+}
+
+// A temporary recorder volume, the module's settings pointed at it, and scripted answers.
+class ConvertTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        setenv(kRecorderDirVariable, ZUB_TEST_RECORDER_DIR, 1);
+        setenv("ZUBIMPORT_IMAGING_LIBRARY", ZUB_TEST_IMAGING, 1);
+        setenv("ZUBREC_CONFIG", (vol / "none.ini").c_str(), 1);
+        setenv("ZUBREC_VOLUME", (vol.Path().string() + "/").c_str(), 1);
+        setenv("ZUBREC_LINES", "525", 1);
+        setenv("ZUBREC_MONITOR", "off", 1);
+        unsetenv("ZUBREC_LIMIT");
+        std::filesystem::create_directories(vol / "video");
+        std::filesystem::create_directories(vol / "audio");
+        saved = CurrentSettings();
+        ImportSettings& s = CurrentSettings();
+        s = ImportSettings{};
+        s.videoDir = vol / "video/";
+        s.audioDir = vol / "audio/";
+        s.fitWord = MakeFitWord(kFitAll, kAreaNormal, kResizeBiLinear);
+        s.videoDataRate = 3000000;
+        s.makeDva = 0;
+        s.showImagesOnOutput = 0;
+    }
+    void TearDown() override
+    {
+        TheRecorder().CloseDevice();
+        CurrentSettings() = saved;
+    }
+    void Open(int useZub = 1, const char* lines = "525")
+    {
+        setenv("ZUBREC_LINES", lines, 1);
+        TheRecorder().CloseDevice();
+        ASSERT_EQ(TheRecorder().OpenDeviceWithInfo(useZub, 0, 0), 1) << CRecorderDevice::GetError();
+    }
+    std::string Make(const std::string& name, const gen::MediaSpec& spec)
+    {
+        std::string error;
+        const std::string path = media / name;
+        EXPECT_TRUE(gen::MakeMedia(path, spec, &error)) << error;
+        return path;
+    }
+    std::string Preset(const std::string& name)
+    {
+        std::string error;
+        const std::string path = gen::MakePreset(media.Path().string(), name, &error);
+        EXPECT_FALSE(path.empty()) << error;
+        return path;
+    }
+
+    TempDir vol, media;
+    ImportSettings saved;
+    std::shared_ptr<ScriptedPrompt> prompt = std::make_shared<ScriptedPrompt>();
+    ScopedPrompter scope{prompt};
+};
+
+}  // namespace
+
+TEST(FrameBudget, NearestWholeFrame)
+{
+    EXPECT_EQ(FrameBudget(1001000, 333667), 3u);
+    EXPECT_EQ(FrameBudget(20000000, 333667), 60u);
+    EXPECT_EQ(FrameBudget(10000000, 0), 0u);
+    EXPECT_EQ(FrameBudget(0, 333667), 0u);
+}
+
+TEST_F(ConvertTest, GraphRouteMakesEveryFrameInOrderWithRateRecordAndAudio)
+{
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    const std::string src = Make("movie.mp4", spec);
+    CConvertDlg dlg(src);
+    ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt->Texts());
+    const std::string clip = vol / "video/movie.zub";
+    const std::string wav = vol / "audio/movie.wav";
+    std::string first, second;
+    dlg.GetTargetFilePaths(first, second);
+    EXPECT_EQ(first, wav);
+    EXPECT_EQ(second, clip);
+
+    const ClipInfo info = ReadClip(clip);
+    EXPECT_EQ(info.framesVideo, FfprobeFrames(src)) << info.text;
+    EXPECT_EQ(ReadNumbers(clip, vol / "png"), Sequence(FfprobeFrames(src)));
+    EXPECT_EQ(info.zubvSectors, 195) << info.text;  // (3,000,000 / 30) >> 9
+    const WaveInfo w = Sox(wav);
+    EXPECT_EQ(w.rate, 48000);
+    EXPECT_EQ(w.channels, 2);
+    EXPECT_EQ(w.bits, 16);
+    EXPECT_NEAR(w.seconds, spec.frames / 30.0, 0.1);
+    EXPECT_EQ(dlg.GetReport().framesDone, unsigned(info.framesVideo));
+    EXPECT_TRUE(prompt->Texts().empty()) << ::testing::PrintToString(prompt->Texts());
+}
+
+TEST_F(ConvertTest, DvaWithTargetAudioFormatAndTbxBackEnd)
+{
+    Open(0, "625");
+    ImportSettings& s = CurrentSettings();
+    s.makeDva = 1;
+    s.audioRateIndex = 1;   // 44.1 kHz
+    s.audioChannels = 1;    // mono
+    s.fixedFieldSize = 1;   // divisor 24
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mkv_h264_vorbis", &spec));
+    const std::string src = Make("take.mkv", spec);
+    CConvertDlg dlg(src);
+    ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt->Texts());
+    const std::string clip = vol / "video/take.zub";
+    const std::string dva = vol / "audio/take.dva";
+    EXPECT_FALSE(std::filesystem::exists(vol / "audio/take.wav"));
+    std::string first, second;
+    dlg.GetTargetFilePaths(first, second);
+    EXPECT_EQ(first, dva);
+    EXPECT_EQ(second, "");
+
+    const ClipInfo info = ReadClip(clip);
+    EXPECT_EQ(info.framesVideo, FfprobeFrames(src));
+    EXPECT_EQ(info.zubvSectors, int((3000000u / 24) >> 9)) << info.text;
+    const WaveInfo w = Sox(dva);
+    EXPECT_EQ(w.rate, 44100);
+    EXPECT_EQ(w.channels, 1);
+    EXPECT_EQ(w.bits, 16);
+    CDva reader;
+    ASSERT_EQ(reader.ReadPlayList(dva.c_str()), 1) << CDva::GetLastError();
+    ASSERT_NE(reader.GetPlayList(), nullptr);
+    EXPECT_EQ(std::string(reader.GetPlayList()->szPath), clip);
+    EXPECT_EQ(reader.GetPlayList()->lLastFrame, info.framesVideo - 1);
+    EXPECT_EQ(CurrentSettings().makeDva, 1);  // the choices became the defaults
+}
+
+TEST_F(ConvertTest, MovieRouteTakesMovFilesAndWritesTheirSound)
+{
+    Open();
+    const std::string src = Preset("mov_twos");
+    CConvertDlg dlg(src);
+    ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt->Texts());
+    const std::string clip = vol / "video/mov_twos.zub";
+    EXPECT_EQ(ReadClip(clip).framesVideo, FfprobeFrames(src));
+    EXPECT_EQ(ReadNumbers(clip, vol / "png"), Sequence(FfprobeFrames(src)));
+    const WaveInfo w = Sox(vol / "audio/mov_twos.wav");
+    EXPECT_EQ(w.bits, 16);
+    EXPECT_GT(w.seconds, 0.5);
+}
+
+TEST_F(ConvertTest, AudioOnlyWaveGoesToTheTargetFormat)
+{
+    Open();
+    CurrentSettings().audioRateIndex = 3;  // 22.05 kHz
+    const std::string src = Preset("wav_s16_stereo");
+    CConvertDlg dlg(src);
+    dlg.SetAudioOnly(1);
+    dlg.SetStrSettings("voice");
+    ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt->Texts());
+    const WaveInfo w = Sox(vol / "audio/voice.wav");
+    EXPECT_EQ(w.rate, 22050);
+    EXPECT_EQ(w.channels, 2);
+    EXPECT_FALSE(std::filesystem::exists(vol / "video/voice.zub"));
+}
+
+TEST_F(ConvertTest, SettingsOnlyHandsBackNameAndChoicesAndALaterRunTakesThem)
+{
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.frames = 5;
+    const std::string src = Make("s.mp4", spec);
+    {
+        CConvertDlg dlg(src);
+        dlg.SetSettingsOnly(1);
+        dlg.SetStrSettings("A|1,0,0");
+        ASSERT_EQ(dlg.Modal(), 1);
+        EXPECT_EQ(dlg.GetStrSettings(), "A|1,0,0");
+        EXPECT_TRUE(std::filesystem::is_empty(vol / "video"));
+    }
+    CConvertDlg dlg(src);
+    dlg.SetStrSettings("A|1,0,0");
+    ASSERT_EQ(dlg.Modal(), 1);
+    EXPECT_TRUE(std::filesystem::exists(vol / "video/A.zub"));
+    EXPECT_FALSE(std::filesystem::exists(vol / "audio/A.wav"));
+}
+
+TEST_F(ConvertTest, ExistingTargetsAskOrAdvanceInBatchMode)
+{
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.frames = 5;
+    spec.audio = gen::AudioCodec::None;
+    const std::string src = Make("clip.mp4", spec);
+    const std::string clip = vol / "video/clip.zub";
+    { std::ofstream(clip) << "keep me"; }
+
+    prompt->Push(Answer::No);
+    CConvertDlg declined(src);
+    EXPECT_EQ(declined.Modal(), 2);
+    ASSERT_EQ(prompt->Texts().size(), 1u);
+    EXPECT_EQ(prompt->Texts()[0], clip + " exists already. Do you want to overwrite it?");
+    std::ifstream in(clip);
+    std::string kept;
+    std::getline(in, kept);
+    EXPECT_EQ(kept, "keep me");
+
+    CConvertDlg batch(src);
+    batch.SetBatchProcess(1);
+    ASSERT_EQ(batch.Modal(), 1);
+    EXPECT_EQ(ReadClip(vol / "video/clip2.zub").framesVideo, 5);
+    EXPECT_EQ(prompt->Texts().size(), 1u);  // batch mode asked nothing
+}
+
+TEST_F(ConvertTest, UnreadableSourceEndsWithTwoAfterTheMessage)
+{
+    Open();
+    const std::string src = media / "notes.mp4";
+    { std::ofstream(src) << "this is not a movie\n"; }
+    CConvertDlg dlg(src);
+    EXPECT_EQ(dlg.Modal(), 2);
+    ASSERT_FALSE(prompt->Texts().empty());
+    EXPECT_EQ(prompt->Texts().back(),
+              "File format unsupported by the current installation of Direct Show Filters and QuickTime conversion "
+              "(QuickTime may not be installed)");
+    EXPECT_TRUE(std::filesystem::is_empty(vol / "video"));
+    EXPECT_TRUE(std::filesystem::is_empty(vol / "audio"));
+    EXPECT_EQ(CConvertDlg::ConvertableFile(src.c_str(), 0), 0);
+}
+
+TEST_F(ConvertTest, UnknownRateReservesTheFreeSpaceAndTheBudgetStopsTheGraph)
+{
+    Open();
+    // A volume with room for 8 frames at this rate: the unknown-rate source (more frames than
+    // that) is cut at the budget and still finishes normally.
+    CurrentSettings().videoUncompressed = 1;
+    setenv("ZUBREC_LIMIT", "6M", 1);
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mkv_unknown_rate", &spec));
+    spec.audio = gen::AudioCodec::None;
+    const std::string src = Make("vfr.mkv", spec);
+    const int room = TheRecorder().QueryVolumeSpace((vol / "video/x.zub").c_str(), -1, 0, true, false);
+    ASSERT_GT(room, 0);
+    ASSERT_LT(room, FfprobeFrames(src));
+    CConvertDlg dlg(src);
+    EXPECT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt->Texts());
+    ASSERT_FALSE(prompt->Texts().empty());
+    EXPECT_EQ(prompt->Texts().front().rfind("Unknown video frame rate.", 0), 0u);
+    const ClipInfo info = ReadClip(vol / "video/vfr.zub");
+    EXPECT_EQ(info.framesVideo, room) << info.text;
+    EXPECT_EQ(info.zubvSectors, -1) << "a budget-cut clip gets no rate record";
+    unsetenv("ZUBREC_LIMIT");
+}
+
+TEST_F(ConvertTest, AbortYesLeavesNothingAndAbortNoKeepsWhatWasMade)
+{
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.frames = 240;
+    spec.width = 640;
+    spec.height = 480;
+    const std::string src = Make("long.mp4", spec);
+    for (Answer answer : {Answer::Yes, Answer::No}) {
+        SCOPED_TRACE(answer == Answer::Yes ? "Yes" : "No");
+        const std::string name = answer == Answer::Yes ? "yes" : "no";
+        CConvertDlg dlg(src);
+        dlg.SetStrSettings(name.c_str());
+        bool pressed = false;
+        dlg.SetProgressCallback([&](const ConvertProgress& p) {
+            if (!pressed && p.converting && p.framesDone > 0) {
+                pressed = true;
+                prompt->Push(answer);
+                dlg.PressAbort();
+            }
+        });
+        const int code = dlg.Modal();
+        ASSERT_TRUE(pressed);
+        const std::string clip = vol / ("video/" + name + ".zub");
+        const std::string wav = vol / ("audio/" + name + ".wav");
+        if (answer == Answer::Yes) {
+            EXPECT_EQ(code, 2);
+            EXPECT_FALSE(std::filesystem::exists(clip));
+            EXPECT_FALSE(std::filesystem::exists(wav));
+        } else {
+            EXPECT_EQ(code, 1);
+            const ClipInfo info = ReadClip(clip);
+            EXPECT_GT(info.framesVideo, 0);
+            EXPECT_LT(info.framesVideo, 240);
+            EXPECT_EQ(info.zubvSectors, -1) << "kept clips get no rate record";
+            EXPECT_EQ(ReadNumbers(clip, vol / "pngno"), Sequence(info.framesVideo));
+            EXPECT_EQ(Sox(wav).bits, 16);
+        }
+    }
+}
+
+TEST_F(ConvertTest, AlphaSourceMakesAKeyTrack)
+{
+    Open();
+    CurrentSettings().createAlpha = 1;
+    gen::MediaSpec spec;
+    spec.width = 720;
+    spec.height = 486;
+    spec.frames = 6;
+    spec.video = gen::VideoCodec::Png;
+    spec.alpha = true;
+    spec.container = "matroska";
+    const std::string src = Make("keyed.mkv", spec);
+    CConvertDlg dlg(src);
+    ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt->Texts());
+    const std::string clip = vol / "video/keyed.zub";
+    const ClipInfo info = ReadClip(clip);
+    EXPECT_EQ(info.framesVideo, 6) << info.text;
+    EXPECT_EQ(info.framesKey, 6) << info.text;
+    EXPECT_EQ(ReadNumbers(clip, vol / "vidpng"), Sequence(6));
+    EXPECT_EQ(ReadNumbers(clip, vol / "keypng", true), Sequence(6));
+}
+
+TEST_F(ConvertTest, ServerModePlacesNtscSixLinesDownAndRefusesOtherSizes)
+{
+    Open();
+    gen::MediaSpec spec;
+    spec.width = 720;
+    spec.height = 480;
+    spec.frames = 3;
+    spec.video = gen::VideoCodec::Mpeg4;
+    spec.container = "avi";
+    const std::string src = Make("dv.avi", spec);
+    {
+        CConvertDlg dlg(src, 1);
+        ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt->Texts());
+        const std::string clip = vol / "video/dv.zub";
+        EXPECT_EQ(ReadClip(clip).framesVideo, 3);
+        std::filesystem::create_directories(vol / "srv");
+        ASSERT_EQ(zub::test::Run({kZubclip, "export", clip, "-o", vol / "srv", "--last", "0"}), 0);
+        const std::string png = vol / "srv/dv-frame-000000.png";
+        const std::string raw = Capture("ffmpeg -v error -i " + Sh(png) + " -f rawvideo -pix_fmt gray -");
+        ASSERT_EQ(raw.size(), 720u * 486u);
+        auto row = [&](int y) {
+            long sum = 0;
+            for (int x = 0; x < 720; ++x) sum += static_cast<unsigned char>(raw[std::size_t(y) * 720 + x]);
+            return sum / 720;
+        };
+        // The black fill runs over twice the six-line band; the grey picture comes after.
+        EXPECT_LT(row(0), 20);
+        EXPECT_LT(row(11), 20);
+        EXPECT_GT(row(140), 100);  // the grey between the patches and the code
+        EXPECT_LT(row(140), 160);
+    }
+    spec.height = 576;
+    const std::string pal = Make("pal.avi", spec);
+    prompt->Push(Answer::Yes);
+    CConvertDlg dlg(pal, 1);
+    EXPECT_EQ(dlg.Modal(), 2);
+    const auto texts = prompt->Texts();
+    ASSERT_FALSE(texts.empty());
+    EXPECT_EQ(texts.back(), "An error occurred because of either wrong input width 720 or wrong input height 576");
+    EXPECT_FALSE(std::filesystem::exists(vol / "video/pal.zub"));
+}
