@@ -199,7 +199,7 @@ BatchRunResult RunBatch(const std::vector<BatchRow>& rows, const BatchRunOptions
             imp = {};
             failure = row.fileName + ": " + e.what();
         }
-        if (!unwrapped.empty()) std::remove(unwrapped.c_str());
+        RemoveUnwrappedCopy(unwrapped);
 
         bool ok = failure.empty() && imp.ok;
         if (ok) {

@@ -1,6 +1,9 @@
 #include "batch/MxfUnwrap.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdio>
 
 #include <memory>
 #include <vector>
@@ -58,6 +61,16 @@ MxfUnwrapResult UnwrapMxf(const std::string& library, void* parentWindow, const 
     r.path = buffer.data();
     r.copied = r.path != source;
     return r;
+}
+
+void RemoveUnwrappedCopy(const std::string& path)
+{
+    if (path.empty()) return;
+    std::remove(path.c_str());
+    // Only the unwrapper's own folder goes, and only once it is empty.
+    const std::string folder = DirectoryPart(path);
+    if (FileNamePart(std::string_view(folder).substr(0, folder.size() - 1)).rfind("mxfunwrap-", 0) == 0)
+        ::rmdir(folder.c_str());
 }
 
 }  // namespace zub::batch

@@ -24,4 +24,7 @@ struct MxfUnwrapResult {
 // Runs the unwrapper in `library` (a full path) on `source`. The source is only read.
 MxfUnwrapResult UnwrapMxf(const std::string& library, void* parentWindow, const std::string& source);
 
+// Removes an unwrapped copy and the folder the unwrapper made for it.
+void RemoveUnwrappedCopy(const std::string& path);
+
 }  // namespace zub::batch

@@ -53,21 +53,44 @@ std::string TempFolder()
     return folder;
 }
 
-// Removes the half-made copy unless the unwrap got to the end.
-class TempFile {
+// The copy lives in a folder of its own so it can carry the source's name (the converter names
+// the clip after the file it reads); both go again unless the unwrap got to the end.
+class TempCopy {
 public:
-    explicit TempFile(std::string path) : path_(std::move(path)) {}
-    ~TempFile()
+    bool Make(const std::string& sourceName, std::string* why)
     {
-        if (!keep_) std::remove(path_.c_str());
+        std::string folder = TempFolder() + "mxfunwrap-XXXXXX";
+        if (!::mkdtemp(folder.data())) {
+            *why = "cannot create a folder in " + TempFolder() + " (" + std::strerror(errno) + ")";
+            return false;
+        }
+        folder_ = folder;
+        path_ = folder + "/" + sourceName + ".mkv";
+        return true;
+    }
+    ~TempCopy()
+    {
+        if (keep_ || folder_.empty()) return;
+        std::remove(path_.c_str());
+        ::rmdir(folder_.c_str());
     }
     const std::string& Path() const { return path_; }
     void Keep() { keep_ = true; }
 
 private:
-    std::string path_;
+    std::string folder_, path_;
     bool keep_ = false;
 };
+
+// The file name without folder and extension: what the clip is to be called.
+std::string Stem(const std::string& path)
+{
+    const std::size_t slash = path.find_last_of("/\\");
+    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+    const std::size_t dot = name.rfind('.');
+    if (dot != std::string::npos && dot > 0) name.erase(dot);
+    return name.empty() ? std::string("unwrapped") : name;
+}
 
 bool Unwrap(const std::string& source, std::string& target)
 {
@@ -95,11 +118,10 @@ bool Unwrap(const std::string& source, std::string& target)
     }
     if (mapped == 0) return fail("the MXF file holds no video or audio essence");
 
-    std::string name = TempFolder() + "mxfunwrap-XXXXXX.mkv";
-    const int fd = ::mkstemps(name.data(), 4);
-    if (fd < 0) return fail("cannot create a file in " + TempFolder() + " (" + std::strerror(errno) + ")");
-    ::close(fd);
-    TempFile temp(name);
+    TempCopy temp;
+    std::string why;
+    if (!temp.Make(Stem(source), &why)) return fail(why);
+    const std::string& name = temp.Path();
 
     AVFormatContext* rawOut = nullptr;
     if (avformat_alloc_output_context2(&rawOut, nullptr, "matroska", name.c_str()) < 0 || !rawOut)
@@ -173,6 +195,8 @@ extern "C" __attribute__((visibility("default"))) int G_LaunchMXFUnwrap(void* pa
     if (!Unwrap(source, target)) return 0;
     if (target.size() + 1 > capacity) {
         std::remove(target.c_str());
+        const std::size_t slash = target.rfind('/');
+        if (slash != std::string::npos) ::rmdir(target.substr(0, slash).c_str());
         t_error = source + ": the unwrapped file's name does not fit the " + std::to_string(capacity) + "-byte buffer";
         return 0;
     }

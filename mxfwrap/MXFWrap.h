@@ -12,7 +12,9 @@ extern "C" {
 // `path` holds the MXF file's name on entry (NUL-terminated, in a buffer of `capacity` bytes)
 // and the unwrapped file's name on success. Returns non-zero on success; on failure the
 // buffer is unchanged, no file is left behind and G_MXFUnwrapError() says why. The source
-// is only read. The caller removes the unwrapped file when it is done with it.
+// is only read. The copy keeps the source's name, in a folder of its own
+// ("clip.MXF" -> "$TMPDIR/mxfunwrap-XXXXXX/clip.mkv"), since the converter names the clip
+// after the file it reads; the caller removes the file and that folder when it is done.
 // `parentWindow` is accepted for hosts that pass their window; nothing is shown.
 int G_LaunchMXFUnwrap(void* parentWindow, char* path, size_t capacity);
 

@@ -242,7 +242,8 @@ TEST_F(BatchRunTest, MxfRowIsUnwrappedImportedAsVideoAndTheCopyRemoved)
     ASSERT_EQ(fake_.calls.size(), 1u);
     EXPECT_EQ(fake_.calls[0].kind, 'v');
     EXPECT_NE(fake_.calls[0].path, mxf);
-    EXPECT_EQ(fs::path(fake_.calls[0].path).parent_path(), tmp.Path());
+    EXPECT_EQ(fs::path(fake_.calls[0].path).parent_path().parent_path(), tmp.Path());
+    EXPECT_EQ(fs::path(fake_.calls[0].path).filename(), "clip.mkv");  // the clip is named after the source
     EXPECT_TRUE(fake_.calls[0].existed);
     EXPECT_TRUE(run.rows[0].ok) << run.rows[0].result;
     EXPECT_FALSE(fs::exists(fake_.calls[0].path));  // removed once the row was done

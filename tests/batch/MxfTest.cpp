@@ -108,7 +108,9 @@ TEST_F(MxfTest, Op1aVideoAndAudioAreCopiedNotReencoded)
 
     const std::string out = buffer;
     EXPECT_NE(out, src);
-    EXPECT_EQ(fs::path(out).parent_path(), tmp_.Path());
+    // Named after the source, in a folder of the unwrapper's own under $TMPDIR.
+    EXPECT_EQ(fs::path(out).parent_path().parent_path(), tmp_.Path());
+    EXPECT_EQ(fs::path(out).filename(), "op1a.mkv");
     EXPECT_EQ(Probe(out, "stream=codec_type,codec_name,nb_read_packets"),
               "mpeg2video,video,25\npcm_s16le,audio," + Probe(src, "stream=nb_read_packets", "a"));
     EXPECT_EQ(PacketMd5(out, "0:v"), PacketMd5(src, "0:v"));
@@ -116,7 +118,8 @@ TEST_F(MxfTest, Op1aVideoAndAudioAreCopiedNotReencoded)
               zub::test::CaptureLine("ffmpeg -v error -i '" + src + "' -map 0:a -f md5 -"));
     EXPECT_EQ(Slurp(src), before);
     EXPECT_EQ(fs::last_write_time(src), mtime);
-    fs::remove(out);
+    RemoveUnwrappedCopy(out);
+    EXPECT_TRUE(fs::is_empty(tmp_.Path()));
 }
 
 TEST_F(MxfTest, UpperCaseNameAndBatchLoader)
@@ -131,8 +134,9 @@ TEST_F(MxfTest, UpperCaseNameAndBatchLoader)
     ASSERT_TRUE(r.ok) << r.error;
     EXPECT_TRUE(r.copied);
     EXPECT_EQ(Probe(r.path, "stream=codec_type", "v"), "video");
+    EXPECT_EQ(fs::path(r.path).filename(), "clip.mkv");
     EXPECT_EQ(Slurp(src), before);
-    fs::remove(r.path);
+    RemoveUnwrappedCopy(r.path);
 }
 
 TEST_F(MxfTest, OpAtomVideoAndAudio)
@@ -152,11 +156,12 @@ TEST_F(MxfTest, OpAtomVideoAndAudio)
     ASSERT_TRUE(ra.ok) << ra.error;
     EXPECT_EQ(Probe(ra.path, "stream=codec_name,sample_rate,channels"), "pcm_s16le,48000,1");
     // sox reads the sound back as one second at 48 kHz.
-    const std::string wav = tmp_ / "a.wav";
+    const std::string wav = dir_ / "a.wav";
     ASSERT_EQ(zub::test::Run({"ffmpeg", "-v", "error", "-i", ra.path, "-c:a", "copy", wav}), 0);
     EXPECT_EQ(zub::test::CaptureLine("sox --i -s '" + wav + "'"), "48000");
-    fs::remove(rv.path);
-    fs::remove(ra.path);
+    RemoveUnwrappedCopy(rv.path);
+    RemoveUnwrappedCopy(ra.path);
+    EXPECT_TRUE(fs::is_empty(tmp_.Path()));
 }
 
 TEST_F(MxfTest, CorruptAndForeignFilesFailWithTheReasonAndLeaveNothing)
