@@ -472,3 +472,67 @@ TEST_F(ConvertTest, ServerModePlacesNtscSixLinesDownAndRefusesOtherSizes)
     EXPECT_EQ(texts.back(), "An error occurred because of either wrong input width 720 or wrong input height 576");
     EXPECT_FALSE(std::filesystem::exists(vol / "video/pal.zub"));
 }
+
+TEST_F(ConvertTest, VolumeFullMidConversionAsksAndKeepsOrDiscards)
+{
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.frames = 20;
+    const std::string src = Make("full.mp4", spec);
+    for (Answer answer : {Answer::No, Answer::Yes}) {
+        SCOPED_TRACE(answer == Answer::Yes ? "Yes" : "No");
+        setenv("ZUBREC_FULL_AFTER", "5", 1);
+        Open();
+        const std::string name = answer == Answer::Yes ? "gone" : "kept";
+        prompt->Push(answer);
+        CConvertDlg dlg(src);
+        dlg.SetStrSettings(name.c_str());
+        const int code = dlg.Modal();
+        unsetenv("ZUBREC_FULL_AFTER");
+        const auto texts = prompt->Texts();
+        ASSERT_FALSE(texts.empty());
+        EXPECT_EQ(texts.back(), "Error occurred during conversion.\r\nDo you want to discard the media file ?");
+        const std::string clip = vol / ("video/" + name + ".zub");
+        if (answer == Answer::Yes) {
+            EXPECT_EQ(code, 2);
+            EXPECT_FALSE(std::filesystem::exists(clip));
+            EXPECT_FALSE(std::filesystem::exists(vol / ("audio/" + name + ".wav")));
+        } else {
+            EXPECT_EQ(code, 1);
+            const ClipInfo info = ReadClip(clip);
+            EXPECT_EQ(info.framesVideo, 5) << info.text;
+            EXPECT_EQ(info.zubvSectors, -1);
+            EXPECT_EQ(ReadNumbers(clip, vol / "fullpng"), Sequence(5));
+        }
+    }
+}
+
+TEST_F(ConvertTest, AbortDuringASlowFrameIsCarriedOutAfterIt)
+{
+    // Each frame import takes 150 ms, so the Abort button nearly always meets a frame in
+    // progress: the abort waits for it, and the kept clip ends on a whole frame.
+    setenv("ZUBREC_WRITE_DELAY", "150", 1);
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.frames = 60;
+    spec.audio = gen::AudioCodec::None;
+    const std::string src = Make("slow.mp4", spec);
+    CConvertDlg dlg(src);
+    bool pressed = false;
+    dlg.SetProgressCallback([&](const ConvertProgress& p) {
+        if (!pressed && p.converting && p.framesDone >= 3) {
+            pressed = true;
+            prompt->Push(Answer::No);
+            dlg.PressAbort();
+        }
+    });
+    EXPECT_EQ(dlg.Modal(), 1);
+    unsetenv("ZUBREC_WRITE_DELAY");
+    ASSERT_TRUE(pressed);
+    const std::string clip = vol / "video/slow.zub";
+    const ClipInfo info = ReadClip(clip);
+    EXPECT_GE(info.framesVideo, 3) << info.text;
+    EXPECT_LT(info.framesVideo, 60) << info.text;
+    EXPECT_EQ(ReadNumbers(clip, vol / "slowpng"), Sequence(info.framesVideo));
+}
