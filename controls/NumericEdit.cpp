@@ -4,6 +4,7 @@
 #include <QSignalBlocker>
 
 
+#include "controls/FamilyPalette.h"
 #include "settings/FixedPoint.h"
 #include "zubimport/ModuleState.h"
 #include "zubimport/Prompt.h"
@@ -37,6 +38,8 @@ NumericEdit::NumericEdit(QWidget* parent) : QLineEdit(parent), scroll_(new QScro
     scroll_->setAccessibleName("Adjust value");
     // Attached: as tall as the edit, narrow, so the pair reads as one control.
     scroll_->setFixedSize(16, sizeHint().height());
+    ApplyFamilyColours(this, EditFamily());
+    ApplyFamilyColours(scroll_, EditFamily());
     SetRange(min_, max_, places_, step_);
     connect(scroll_, &QScrollBar::valueChanged, this, [this](int v) { OnScrolled(v); });
     connect(this, &QLineEdit::textEdited, this, [this] { OnTextEdited(); });

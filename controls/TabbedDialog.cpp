@@ -6,6 +6,8 @@
 #include <QTabWidget>
 #include <QVBoxLayout>
 
+#include "controls/FamilyPalette.h"
+
 namespace zub::controls {
 
 CTabdDlgPage::CTabdDlgPage(const QString& title, QWidget* parent) : QWidget(parent), title_(title) {}
@@ -39,6 +41,7 @@ CTabdDlg::CTabdDlg(const QString& title, QWidget* parent)
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(tabs_);
     layout->addWidget(buttons_);
+    ApplyFamilyColours(this, ButtonFamily());
 }
 
 void CTabdDlg::AddPage(CTabdDlgPage* page)
