@@ -1,16 +1,23 @@
 // Audio conversion speed and memory.
-//  - the resampler core per mode (source samples per second, one channel, in memory);
-//  - 48000 -> 44100 stereo 16-bit: our whole conversion file to file beside sox and the ffmpeg
-//    command line on the same file, and our resampler in memory beside libswresample;
+//  - the resampler core per mode and filter path (scalar, SSE2, AVX2), one channel, in memory;
+//  - 48000 -> 44100 stereo 16-bit in memory: our resampler (both channels, as the converter
+//    runs it) beside libswresample with its defaults;
+//  - 48000 -> 44100 stereo 16-bit file to file on a 600 s file, long enough that a process's
+//    start-up is a small part of the peers' time: our conversion (in a child process, so its
+//    peak memory is its own) beside `ffmpeg -af aresample` and `sox`, each with its defaults;
 //  - peak resident memory of a child converting a one-hour 48 kHz stereo file, streamed
 //    (the default) and as one whole-file block.
-// After the run the ratios (ours / theirs, in samples per second) are printed.
+// Every figure is a counter, so scripts read them from --benchmark_format=json:
+// x_realtime (seconds of audio per second of time) and peak_MiB (peak resident set of the
+// process doing the work). After a console run the ratios are printed too.
 #include <benchmark/benchmark.h>
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -27,11 +34,10 @@ extern "C" {
 #include <libswresample/swresample.h>
 }
 
-#include "AudioConverter.h"
-#include "PolyphaseResampler.h"
+#include "convert/audio/AudioConverter.h"
+#include "convert/audio/PolyphaseResampler.h"
 #include "TempDir.h"
 #include "TestMedia.h"
-#include "Tool.h"
 #include "zubimport/Prompt.h"
 
 extern char** environ;
@@ -39,9 +45,22 @@ extern char** environ;
 namespace {
 
 using zub::audio::AudioConverter;
+using zub::audio::KernelPath;
 using zub::audio::PolyphaseResampler;
 
 constexpr double kSeconds = 20.0;
+constexpr double kLongSeconds = 600.0;
+
+// Seconds of audio per second of (real or CPU) time, as a rate counter.
+benchmark::Counter RealtimeFactor(const benchmark::State& state, double audioSeconds)
+{
+    return benchmark::Counter(audioSeconds * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+KernelPath PathArg(std::int64_t v)
+{
+    return v == 0 ? KernelPath::Scalar : v == 1 ? KernelPath::Sse2 : KernelPath::Avx2;
+}
 
 zub::test::TempDir& Dir()
 {
@@ -72,11 +91,6 @@ std::vector<std::int16_t> Interleaved48()
     return s;
 }
 
-bool Run(const std::vector<std::string>& args)
-{
-    return zub::test::Run(args) == 0;
-}
-
 // One channel of a tone at the source rate, staged once; each iteration resamples all of it.
 void BM_ResamplerMode(benchmark::State& state)
 {
@@ -87,6 +101,10 @@ void BM_ResamplerMode(benchmark::State& state)
     r.Setup(sourceRate[mode], targetRate[mode]);
     if (r.Mode() != mode) {
         state.SkipWithError("rate pair does not give the mode");
+        return;
+    }
+    if (!r.SetPath(PathArg(state.range(1)))) {
+        state.SkipWithError("this processor lacks the filter path");
         return;
     }
     const auto frames = static_cast<std::int64_t>(sourceRate[mode] * 5);
@@ -104,36 +122,42 @@ void BM_ResamplerMode(benchmark::State& state)
         benchmark::ClobberMemory();
     }
     state.SetItemsProcessed(state.iterations() * frames);
+    state.counters["x_realtime"] = RealtimeFactor(state, 5.0);
     state.SetLabel(std::to_string(sourceRate[mode]) + "->" + std::to_string(targetRate[mode]) + ", " +
-                   std::to_string(r.Taps()) + " taps");
+                   std::to_string(r.Taps()) + " taps, " + zub::audio::KernelPathName(r.Path()));
 }
-BENCHMARK(BM_ResamplerMode)->DenseRange(0, 4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ResamplerMode)->ArgsProduct({{0, 1, 2, 3, 4}, {0, 1, 2}})->Unit(benchmark::kMillisecond);
 
-// Stereo 48000 -> 44100 in memory, both channels, as the converter stages them.
+// Stereo 48000 -> 44100 in memory, both channels, as the converter stages and runs them.
+// range(0): the filter path (0 scalar, 1 SSE2, 2 AVX2, 3 the best this processor has).
 void BM_Resample48To44Stereo_Ours(benchmark::State& state)
 {
     const auto in = Interleaved48();
     const auto frames = static_cast<std::int64_t>(in.size() / 2);
     PolyphaseResampler r;
     r.Setup(48000, 44100);
+    if (state.range(0) < 3 && !r.SetPath(PathArg(state.range(0)))) {
+        state.SkipWithError("this processor lacks the filter path");
+        return;
+    }
     const std::int64_t n = r.OutputCount(frames);
     std::int64_t begin, end;
     r.SourceSpan(0, static_cast<std::size_t>(n), begin, end);
-    std::vector<std::int16_t> staged[2], out(static_cast<std::size_t>(n) * 2), ch(static_cast<std::size_t>(n));
+    std::vector<std::int16_t> staged[2], out(static_cast<std::size_t>(n) * 2);
     for (int c = 0; c < 2; ++c) {
         staged[c].assign(static_cast<std::size_t>(end - begin), 0);
         for (std::int64_t i = 0; i < frames; ++i) staged[c][static_cast<std::size_t>(i - begin)] = in[static_cast<std::size_t>(2 * i + c)];
     }
     for (auto _ : state) {
-        for (int c = 0; c < 2; ++c) {
-            r.Run(0, ch.size(), staged[c].data(), begin, ch.data());
-            for (std::size_t k = 0; k < ch.size(); ++k) out[2 * k + static_cast<std::size_t>(c)] = ch[k];
-        }
+        r.RunStereo(0, static_cast<std::size_t>(n), staged[0].data(), staged[1].data(), begin, out.data());
         benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
     }
     state.SetItemsProcessed(state.iterations() * frames);
+    state.counters["x_realtime"] = RealtimeFactor(state, kSeconds);
+    state.SetLabel(zub::audio::KernelPathName(r.Path()));
 }
-BENCHMARK(BM_Resample48To44Stereo_Ours)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Resample48To44Stereo_Ours)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
 
 struct SwrFree {
     void operator()(SwrContext* s) const { swr_free(&s); }
@@ -162,50 +186,93 @@ void BM_Resample48To44Stereo_Swresample(benchmark::State& state)
         benchmark::DoNotOptimize(got);
     }
     state.SetItemsProcessed(state.iterations() * frames);
+    state.counters["x_realtime"] = RealtimeFactor(state, kSeconds);
 }
 BENCHMARK(BM_Resample48To44Stereo_Swresample)->Unit(benchmark::kMillisecond);
 
-// File to file, same source, same target format.
-void BM_File48To44Stereo_Ours(benchmark::State& state)
+// 600 s of 48 kHz 16-bit stereo, made once per process; every file-to-file job reads it.
+const std::string& Source600()
 {
-    const std::string out = Dir() / "ours.wav";
-    zub::SilentPrompt silent;
-    for (auto _ : state) {
-        AudioConverter conv;
-        if (conv.Convert(Source48().c_str(), out.c_str(), {44100, 16, 1}, silent) != 1) {
-            state.SkipWithError(conv.LastError().c_str());
-            return;
+    static const std::string path = [] {
+        std::string p = Dir() / "src600.wav", err;
+        if (!zub::testmedia::MakeWave(p, 16, 48000, 2, kLongSeconds, 997.0, 0.5, &err)) {
+            std::fprintf(stderr, "cannot make the test file: %s\n", err.c_str());
+            std::exit(1);
         }
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kSeconds * 48000));
+        return p;
+    }();
+    return path;
 }
-BENCHMARK(BM_File48To44Stereo_Ours)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_File48To44Stereo_Sox(benchmark::State& state)
+// Runs a program through the peak-memory launcher (no shell, its output discarded) and returns
+// the program's peak resident set in MiB, or a negative value when it failed.
+double RunMeasured(const std::vector<std::string>& args)
 {
-    const std::string out = Dir() / "sox.wav";
-    for (auto _ : state) {
-        if (!Run({"sox", Source48(), "-r", "44100", out})) {
-            state.SkipWithError("sox failed or is not installed");
-            return;
-        }
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kSeconds * 48000));
+    const std::string peakFile = Dir() / "peak.txt";
+    std::vector<std::string> full = {ZUB_BENCH_SPAWN_PEAK, peakFile};
+    full.insert(full.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (const auto& a : full) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t quiet;
+    posix_spawn_file_actions_init(&quiet);
+    posix_spawn_file_actions_addopen(&quiet, 1, "/dev/null", O_WRONLY, 0);
+    pid_t pid;
+    const int rc = posix_spawn(&pid, argv[0], &quiet, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&quiet);
+    if (rc != 0) return -1.0;
+    int status = 0;
+    if (waitpid(pid, &status, 0) < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1.0;
+    long kib = -1;
+    std::ifstream(peakFile) >> kib;
+    return kib < 0 ? -1.0 : static_cast<double>(kib) / 1024.0;
 }
-BENCHMARK(BM_File48To44Stereo_Sox)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_File48To44Stereo_FfmpegCli(benchmark::State& state)
+// Warms the page cache with the source so that no job pays for the first read.
+void Warm(const std::string& path)
 {
-    const std::string out = Dir() / "ffmpeg.wav";
+    std::ifstream f(path, std::ios::binary);
+    std::vector<char> buf(1 << 20);
+    while (f.read(buf.data(), static_cast<std::streamsize>(buf.size())) || f.gcount() > 0) {
+    }
+}
+
+// One file-to-file job on the 600 s source, each side a process of its own started the same
+// way, so both pay the same start-up and each peak memory is the program's own.
+void FileJob(benchmark::State& state, const std::vector<std::string>& args, const char* what)
+{
+    Warm(Source600());
+    double peak = 0;
     for (auto _ : state) {
-        if (!Run({"ffmpeg", "-nostdin", "-v", "error", "-y", "-i", Source48(), "-ar", "44100", out})) {
-            state.SkipWithError("ffmpeg failed or is not installed");
+        const double p = RunMeasured(args);
+        if (p < 0) {
+            state.SkipWithError((std::string(what) + " failed or is not installed").c_str());
             return;
         }
+        peak = std::max(peak, p);
     }
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kSeconds * 48000));
+    state.counters["x_realtime"] = RealtimeFactor(state, kLongSeconds);
+    state.counters["peak_MiB"] = peak;
 }
-BENCHMARK(BM_File48To44Stereo_FfmpegCli)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_File600s_Ours(benchmark::State& state)
+{
+    FileJob(state, {ZUB_BENCH_CONVERT_ONE, Source600(), Dir() / "ours.wav"}, "our conversion");
+}
+BENCHMARK(BM_File600s_Ours)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+
+void BM_File600s_FfmpegAresample(benchmark::State& state)
+{
+    FileJob(state, {"ffmpeg", "-nostdin", "-v", "error", "-y", "-i", Source600(), "-af", "aresample=44100", Dir() / "ffmpeg.wav"},
+            "ffmpeg");
+}
+BENCHMARK(BM_File600s_FfmpegAresample)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+
+void BM_File600s_Sox(benchmark::State& state)
+{
+    FileJob(state, {"sox", Source600(), "-r", "44100", Dir() / "sox.wav"}, "sox");
+}
+BENCHMARK(BM_File600s_Sox)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
 // A one-hour 48 kHz stereo file converted to 44.1 kHz in a child process; reports the child's
 // peak resident set. range(0): output frames per block, 0 = the whole file in one block.
@@ -218,38 +285,30 @@ void BM_PeakMemoryOneHour(benchmark::State& state)
         return p;
     }();
     const std::string out = Dir() / "hour-out.wav";
-    const auto block = static_cast<std::size_t>(state.range(0));
-    long maxrssKb = 0;
+    const auto block = state.range(0);
+    double peak = 0;
     for (auto _ : state) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            AudioConverter conv;
-            conv.SetBlockFrames(block);
-            zub::SilentPrompt silent;
-            _exit(conv.Convert(hour.c_str(), out.c_str(), {44100, 16, 1}, silent) == 1 ? 0 : 1);
-        }
-        int status = 0;
-        rusage usage{};
-        if (pid < 0 || wait4(pid, &status, 0, &usage) < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        peak = RunMeasured({ZUB_BENCH_CONVERT_ONE, hour, out, std::to_string(block)});
+        if (peak < 0) {
             state.SkipWithError("conversion of the one-hour file failed");
             return;
         }
-        maxrssKb = usage.ru_maxrss;
     }
     std::error_code ec;
     std::filesystem::remove(out, ec);
-    state.counters["peak_MiB"] = static_cast<double>(maxrssKb) / 1024.0;
+    state.counters["peak_MiB"] = peak;
+    state.counters["x_realtime"] = RealtimeFactor(state, 3600.0);
     state.SetItemsProcessed(state.iterations() * 3600 * 48000);
 }
 BENCHMARK(BM_PeakMemoryOneHour)->Arg(zub::audio::kDefaultBlockFrames)->Arg(0)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Collects items per second by benchmark name for the ratios printed at the end.
+// Collects the realtime factors by benchmark name for the ratios printed at the end.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override
     {
         for (const auto& r : runs) {
-            auto it = r.counters.find("items_per_second");
+            auto it = r.counters.find("x_realtime");
             if (it != r.counters.end() && !r.error_occurred) rates[r.benchmark_name()] = it->second;
         }
         ConsoleReporter::ReportRuns(runs);
@@ -261,8 +320,18 @@ public:
 
 int main(int argc, char** argv)
 {
+    // With a machine-readable format asked for, the library's own reporter writes it (the
+    // flag is looked for before Initialize takes the library's flags out of argv).
+    bool plain = true;
+    for (int i = 1; i < argc; ++i)
+        if (std::strncmp(argv[i], "--benchmark_format=", 19) == 0 && std::strcmp(argv[i] + 19, "console") != 0) plain = false;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (!plain) {
+        benchmark::RunSpecifiedBenchmarks();
+        benchmark::Shutdown();
+        return 0;
+    }
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     auto ratio = [&](const char* ours, const char* theirs) {
@@ -270,9 +339,9 @@ int main(int argc, char** argv)
         if (a != reporter.rates.end() && b != reporter.rates.end())
             std::printf("speed ratio %s / %s = %.2f\n", ours, theirs, a->second / b->second);
     };
-    ratio("BM_File48To44Stereo_Ours/real_time", "BM_File48To44Stereo_Sox/real_time");
-    ratio("BM_File48To44Stereo_Ours/real_time", "BM_File48To44Stereo_FfmpegCli/real_time");
-    ratio("BM_Resample48To44Stereo_Ours", "BM_Resample48To44Stereo_Swresample");
+    ratio("BM_File600s_Ours/iterations:3/real_time", "BM_File600s_FfmpegAresample/iterations:3/real_time");
+    ratio("BM_File600s_Ours/iterations:3/real_time", "BM_File600s_Sox/iterations:3/real_time");
+    ratio("BM_Resample48To44Stereo_Ours/3", "BM_Resample48To44Stereo_Swresample");
     benchmark::Shutdown();
     return 0;
 }

@@ -33,8 +33,11 @@ namespace audio {
 // non-zero on purpose: the engine goes on to copy whatever was written over the audio file.
 inline constexpr int kTargetWriteFailed = static_cast<int>(0xE0040200u);
 
-// Default output frames per block: about 256 KiB of intermediate 16-bit stereo.
-inline constexpr std::size_t kDefaultBlockFrames = 65536;
+// Default output frames per block: 128 KiB of 16-bit stereo output, so that a block's staged
+// source, raw bytes and output (about 420 KiB together) stay in a 1 MiB second-level cache.
+// Measured on a 600 s file: the same speed as 64 Ki frames and smaller blocks' per-block
+// overhead gone by here, at a lower peak.
+inline constexpr std::size_t kDefaultBlockFrames = 32768;
 
 struct AudioTarget {
     long rate = 48000;
