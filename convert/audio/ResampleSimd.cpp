@@ -32,13 +32,18 @@ namespace avx2 {
 #undef ZUB_SIMD_AVX2
 }  // namespace avx2
 
+// The processor is asked at first use, which may come from a static constructor: initialise the
+// feature data first. AVX2 counts only when the system also saves the wide registers, which
+// the compiler's run-time check includes.
 bool HaveSse2()
 {
+    __builtin_cpu_init();
     return __builtin_cpu_supports("sse2");
 }
 
 bool HaveAvx2()
 {
+    __builtin_cpu_init();
     return __builtin_cpu_supports("avx2");
 }
 
