@@ -194,6 +194,8 @@ ImgSeqRunResult RunImageSequence(const ImgSeqRunRequest& request)
         if (request.frameDone) request.frameDone(i, current.ok ? &current.frame : nullptr);
     }
     prefetch.Stop();
+    result.decodeWindow = static_cast<int>(prefetch.Window());
+    result.peakFramesAhead = static_cast<int>(prefetch.PeakHeld());
     if (ended) return result;  // the guard deletes the file
 
     std::uint8_t record[116] = {};

@@ -43,6 +43,8 @@ struct ImgSeqRunResult {
     int framesWritten = 0;
     std::string message;        // the last message shown (or that batch mode suppressed); "" when none
     bool keptPartial = false;   // aborted with "keep": the clip holds the frames written so far
+    int decodeWindow = 0;       // frames the workers were allowed to decode ahead
+    int peakFramesAhead = 0;    // the most decoded frames held at once (bounded by the window)
 };
 
 // Runs with the module's CurrentSettings() and TheRecorder() (already open).

@@ -1,0 +1,142 @@
+#include "FastStills.h"
+
+#include <turbojpeg.h>
+
+#include <cstring>
+#include <memory>
+
+namespace zub::imaging {
+
+namespace {
+
+unsigned Le16(const std::uint8_t* p)
+{
+    return static_cast<unsigned>(p[0]) | (static_cast<unsigned>(p[1]) << 8);
+}
+
+FastResult Failed(std::string* error, std::string why)
+{
+    if (error) *error = std::move(why);
+    return FastResult::Failed;
+}
+
+// The TGA 2.0 extension area's attributes type: 0 means the alpha bytes hold nothing; -1
+// when the file has no such area.
+int AlphaType(const std::uint8_t* data, std::size_t size)
+{
+    static const char kSignature[] = "TRUEVISION-XFILE.";
+    if (size < 18 + 26 || std::memcmp(data + size - 18, kSignature, 18) != 0) return -1;
+    const std::uint8_t* footer = data + size - 26;
+    const std::uint32_t ext = footer[0] | (footer[1] << 8) | (footer[2] << 16) | (std::uint32_t(footer[3]) << 24);
+    if (ext == 0 || ext + 495 > size - 26) return -1;
+    return data[ext + 494];
+}
+
+}  // namespace
+
+FastResult DecodeTga(const std::uint8_t* data, std::size_t size, const FastAllocate& allocate, std::string* error)
+{
+    if (size < 18) return FastResult::NotMine;
+    const unsigned idLength = data[0], mapType = data[1], type = data[2];
+    const unsigned mapLength = Le16(data + 5), mapDepth = data[7];
+    const int width = static_cast<int>(Le16(data + 12)), height = static_cast<int>(Le16(data + 14));
+    const unsigned depth = data[16], descriptor = data[17];
+    if ((type != 2 && type != 10) || mapType > 1 || (depth != 24 && depth != 32)) return FastResult::NotMine;
+    if (descriptor & 0x10) return FastResult::NotMine;  // right to left
+    const unsigned alphaBits = descriptor & 0x0F;
+    if ((depth == 24 && alphaBits != 0) || (depth == 32 && alphaBits != 8 && alphaBits != 0)) return FastResult::NotMine;
+    if (width <= 0 || height <= 0) return FastResult::NotMine;
+    // A 32-bit file whose alpha is declared empty is shown opaque, as the other readers do;
+    // one that does not say is read as it is only when it says 8 alpha bits.
+    const int alphaType = AlphaType(data, size);
+    if (depth == 32 && (alphaBits == 0 || alphaType == 0 || alphaType == 4)) return FastResult::NotMine;
+
+    std::size_t at = 18 + idLength + (mapType ? mapLength * ((mapDepth + 7) / 8) : 0);
+    if (at > size) return Failed(error, "the header runs past the end of the file");
+    const bool topDown = (descriptor & 0x20) != 0;
+    const unsigned bpp = depth / 8;
+    std::uint8_t* out = allocate(width, height);
+    if (!out) return Failed(error, "no memory for a " + std::to_string(width) + "x" + std::to_string(height) + " image");
+    const std::size_t rowBytes = static_cast<std::size_t>(width) * 4;
+    auto rowOf = [&](int y) { return out + rowBytes * static_cast<std::size_t>(topDown ? y : height - 1 - y); };
+
+    if (type == 2) {
+        const std::size_t need = static_cast<std::size_t>(width) * height * bpp;
+        if (size - at < need) return Failed(error, "the pixels are cut short");
+        const std::uint8_t* s = data + at;
+        for (int y = 0; y < height; ++y) {
+            std::uint8_t* d = rowOf(y);
+            if (bpp == 4) {
+                std::memcpy(d, s, rowBytes);
+                s += rowBytes;
+            } else {
+                for (int x = 0; x < width; ++x, s += 3, d += 4) {
+                    d[0] = s[0];
+                    d[1] = s[1];
+                    d[2] = s[2];
+                    d[3] = 255;
+                }
+            }
+        }
+        return FastResult::Decoded;
+    }
+
+    // Run-length packets may run from one row into the next.
+    const std::uint8_t* s = data + at;
+    const std::uint8_t* end = data + size;
+    std::size_t left = static_cast<std::size_t>(width) * height;
+    int y = 0, x = 0;
+    std::uint8_t* d = rowOf(0);
+    auto put = [&](const std::uint8_t* px) {
+        d[0] = px[0];
+        d[1] = px[1];
+        d[2] = px[2];
+        d[3] = bpp == 4 ? px[3] : 255;
+        d += 4;
+        if (++x == width && ++y < height) {
+            x = 0;
+            d = rowOf(y);
+        }
+    };
+    while (left > 0) {
+        if (s >= end) return Failed(error, "the run-length pixels are cut short");
+        const unsigned head = *s++;
+        const std::size_t count = std::min<std::size_t>((head & 0x7F) + 1, left);
+        if (head & 0x80) {
+            if (static_cast<std::size_t>(end - s) < bpp) return Failed(error, "the run-length pixels are cut short");
+            for (std::size_t k = 0; k < count; ++k) put(s);
+            s += bpp;
+        } else {
+            if (static_cast<std::size_t>(end - s) < count * bpp)
+                return Failed(error, "the run-length pixels are cut short");
+            for (std::size_t k = 0; k < count; ++k, s += bpp) put(s);
+        }
+        left -= count;
+    }
+    return FastResult::Decoded;
+}
+
+FastResult DecodeJpeg(const std::uint8_t* data, std::size_t size, const FastAllocate& allocate, std::string* error)
+{
+    struct Free {
+        void operator()(void* h) const { tjDestroy(h); }
+    };
+    // One decompressor per thread, kept: making one costs more than a small picture.
+    thread_local std::unique_ptr<void, Free> handle(tjInitDecompress());
+    if (!handle) return FastResult::NotMine;
+    int w = 0, h = 0, subsamp = 0, colorspace = 0;
+    if (tjDecompressHeader3(handle.get(), data, static_cast<unsigned long>(size), &w, &h, &subsamp, &colorspace) != 0)
+        return FastResult::NotMine;  // the general reader says why
+    if (colorspace != TJCS_YCbCr && colorspace != TJCS_GRAY && colorspace != TJCS_RGB) return FastResult::NotMine;
+    if (w <= 0 || h <= 0) return FastResult::NotMine;
+    std::uint8_t* out = allocate(w, h);
+    if (!out) return Failed(error, "no memory for a " + std::to_string(w) + "x" + std::to_string(h) + " image");
+    if (tjDecompress2(handle.get(), data, static_cast<unsigned long>(size), out, w, w * 4, h, TJPF_BGRA, 0) != 0) {
+        // A warning (a few bad bytes at the end) still gives a picture, as libjpeg does.
+        const char* why = tjGetErrorStr2(handle.get());
+        if (tjGetErrorCode(handle.get()) != TJERR_WARNING) return Failed(error, why ? why : "JPEG decoding failed");
+    }
+    return FastResult::Decoded;
+}
+
+}  // namespace zub::imaging

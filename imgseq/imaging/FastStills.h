@@ -1,0 +1,27 @@
+// Direct readers for the two formats image sequences are mostly made of, true-colour TGA and
+// JPEG, decoding straight into the caller's BGRA buffer in one pass. They take only the
+// common layouts and say "not mine" for anything else, which then goes to OpenImageIO.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace zub::imaging {
+
+enum class FastResult { Decoded, NotMine, Failed };
+
+// `allocate` is called once with the picture's size and returns width * height * 4 bytes
+// (rows top first), or null.
+using FastAllocate = std::function<std::uint8_t*(int width, int height)>;
+
+// Uncompressed or run-length true-colour TGA of 24 or 32 bits, either row order, left to
+// right. 32-bit pixels keep their alpha unless the file says it holds none.
+FastResult DecodeTga(const std::uint8_t* data, std::size_t size, const FastAllocate& allocate, std::string* error);
+
+// Baseline or progressive JPEG in grey or YCbCr, through TurboJPEG with libjpeg's default
+// (accurate) transform and smooth upsampling.
+FastResult DecodeJpeg(const std::uint8_t* data, std::size_t size, const FastAllocate& allocate, std::string* error);
+
+}  // namespace zub::imaging
