@@ -137,12 +137,12 @@ public:
     // The figure `counter` of one benchmark; ownCounter is the counter of the side that the
     // benchmark is for, so that a peer figure read from the same benchmark gets no peak.
     Result Get(const std::string& binary, const std::string& bench, const std::string& counter,
-               const std::string& ownCounter)
+               const std::string& ownCounter, bool sharedWithPeer)
     {
         const std::string key = binary + "\n" + bench;
         auto it = cache_.find(key);
         if (it == cache_.end()) it = cache_.emplace(key, Run(binary, bench)).first;
-        return Read(it->second, bench, counter, ownCounter);
+        return Read(it->second, bench, counter, ownCounter, sharedWithPeer);
     }
 
 private:
@@ -174,7 +174,8 @@ private:
         return raw;
     }
 
-    static Result Read(const Raw& raw, const std::string& bench, const std::string& counter, const std::string& ownCounter)
+    static Result Read(const Raw& raw, const std::string& bench, const std::string& counter, const std::string& ownCounter,
+                       bool sharedWithPeer)
     {
         Result r;
         if (raw.status != "ok") {
@@ -194,16 +195,19 @@ private:
                 return r;
             }
             r.value = b.value(QString::fromStdString(counter)).toDouble();
-            // A benchmark that measures its worker's peak itself says so; otherwise the
-            // benchmark process's own peak stands for it. When one benchmark times both sides,
-            // the peer's peak is not known.
+            // A benchmark that measures its worker's peak itself says so (peak_MiB, or
+            // peak_rss_MiB); otherwise the benchmark process's own peak stands for it, unless
+            // the benchmark also runs the peer, whose peak would be mixed in. When one
+            // benchmark times both sides, the peer's peak is not known.
             const bool peerSide = counter != ownCounter;
-            if (b.contains("peak_MiB"))
-                r.peakMiB = peerSide ? NAN : b.value("peak_MiB").toDouble();
+            if (peerSide)
+                r.peakMiB = NAN;
+            else if (b.contains("peak_MiB"))
+                r.peakMiB = b.value("peak_MiB").toDouble();
             else if (b.contains("peak_rss_MiB"))
-                r.peakMiB = peerSide ? NAN : b.value("peak_rss_MiB").toDouble();
+                r.peakMiB = b.value("peak_rss_MiB").toDouble();
             else
-                r.peakMiB = peerSide ? NAN : static_cast<double>(maxrss) / 1024.0;
+                r.peakMiB = sharedWithPeer ? NAN : static_cast<double>(maxrss) / 1024.0;
             r.status = "ok";
             return r;
         }
@@ -275,9 +279,10 @@ int main(int argc, char** argv)
     std::vector<Line> lines;
     QJsonArray jsonRows;
     for (const Row& row : rows) {
-        const Result ours = runner.Get(row.binary, row.bench, row.counter, row.counter);
         const bool hasPeer = row.peer != "-";
-        const Result peer = hasPeer ? runner.Get(row.peerBinary, row.peerBench, row.peerCounter, row.counter)
+        const bool sameRun = hasPeer && row.peerBinary == row.binary && row.peerBench == row.bench;
+        const Result ours = runner.Get(row.binary, row.bench, row.counter, row.counter, sameRun);
+        const Result peer = hasPeer ? runner.Get(row.peerBinary, row.peerBench, row.peerCounter, row.counter, sameRun)
                                     : Result{"", NAN, NAN};
         const bool lowBetter = row.better == "low";
 
@@ -299,7 +304,7 @@ int main(int argc, char** argv)
         l.cells[1] = ours.status == "ok" ? Figure(ours.value) + " " + row.counter : ours.status;
         l.cells[2] = hasPeer ? row.peer : "-";
         l.cells[3] = !hasPeer ? "-" : peer.status == "ok" ? Figure(peer.value) + " " + row.counter : peer.status;
-        if (hasPeer && peer.status == "ok" && row.peerBench == row.bench) l.cells[3] += " (same run)";
+        if (sameRun && peer.status == "ok") l.cells[3] += " (same run)";
         l.cells[4] = std::isnan(ratio) ? "-" : Figure(ratio) + "x";
         l.cells[5] = row.goal == "-" ? "-"
                      : (row.goal[0] == '<' || row.goal[0] == '>') ? row.goal + " " + row.counter
