@@ -113,13 +113,20 @@ std::string Named(const char* path);
 template <class Api, BackendLibrary<Api>& (*TheLibrary)()>
 class BackendOn : public RecorderBackend {
 protected:
-    static const Api* Load(std::string& why) { return TheLibrary().Get(&why); }
+    // The table; nullptr with the reason when the library cannot be loaded (no result then).
+    static const Api* Load(std::string& why)
+    {
+        const Api* api = TheLibrary().Get(&why);
+        if (!api) NoteLibraryResult(0);
+        return api;
+    }
 
     // Always false, with "<head><call> failed (<code>): <the library's words>" in `why`.
     static bool Failed(std::string& why, const std::string& head, const Api* api, const char* call,
                        std::int32_t result)
     {
         why = head + BackendLibrary<Api>::Why(api, call, result);
+        NoteLibraryResult(result);
         return false;
     }
 

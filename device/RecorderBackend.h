@@ -43,6 +43,9 @@ public:
                              std::string& why) = 0;
 };
 
+// Called by a back-end with a failing call's result, for CRecorderDevice::GetLastResult.
+void NoteLibraryResult(std::int32_t result);
+
 // The one instance of each; BackendFor gives nullptr for RecorderKind::Closed.
 RecorderBackend& ZubRecorder();
 RecorderBackend& TbxRecorder();

@@ -12,6 +12,7 @@ namespace zub {
 namespace {
 
 thread_local std::string t_error;
+thread_local std::int32_t t_result = 0;  // of the library call that failed last, if any
 
 std::uint32_t Get32(const std::uint8_t* p)
 {
@@ -91,7 +92,19 @@ bool GetZubvChunk(const std::uint8_t block[256], std::uint8_t data116[116])
     return true;
 }
 
+void NoteLibraryResult(std::int32_t result)
+{
+    t_result = result;
+}
+
 int CRecorderDevice::Fail(std::string message)
+{
+    t_error = std::move(message);
+    t_result = 0;
+    return 0;
+}
+
+int CRecorderDevice::LibraryFailed(std::string message)
 {
     t_error = std::move(message);
     return 0;
@@ -100,6 +113,21 @@ int CRecorderDevice::Fail(std::string message)
 std::string CRecorderDevice::GetError()
 {
     return t_error;
+}
+
+std::int32_t CRecorderDevice::GetLastResult()
+{
+    return t_result;
+}
+
+bool CRecorderDevice::LastFailureIsNoSpace() const
+{
+    switch (kind) {
+    case RecorderKind::Zub: return t_result == rec::kZubNoSpace;
+    case RecorderKind::Tbx: return t_result == rec::kTbxNoSpace;
+    case RecorderKind::Closed: break;
+    }
+    return false;
 }
 
 RecorderBackend* BackendFor(RecorderKind kind)
@@ -136,7 +164,7 @@ int CRecorderDevice::OpenDevice(int useZub, int deviceName, int existingHandle)
     // A device that opened but could not be brought up is closed through the table, so a
     // derived close clears its information as well.
     if (IsOpen()) CloseDevice();
-    return Fail(why);
+    return LibraryFailed(why);
 }
 
 void CRecorderDevice::CloseDevice()
@@ -157,7 +185,7 @@ std::int32_t CRecorderDevice::QueryVolumeSpace(const char* path, std::int32_t vi
     std::string why;
     if (!backend_->FramesFit(handle, folder, videoUncompressed ? -1 : videoRate, alphaUncompressed ? -1 : alphaRate,
                              frames, why))
-        return Fail(why);
+        return LibraryFailed(why);
     return frames > 0 ? frames : 0;
 }
 
@@ -170,7 +198,7 @@ ClipStatus CRecorderDevice::CreateClipItem(const ClipSpec& spec, ClipItems& item
     }
     std::string why;
     const ClipStatus status = backend_->CreateClip(handle, spec, items, why);
-    if (status != ClipStatus::Ok) Fail(why);
+    if (status != ClipStatus::Ok) LibraryFailed(why);
     return status;
 }
 
@@ -178,14 +206,14 @@ int CRecorderDevice::ImportFrame(const FrameImport& frame)
 {
     if (!IsOpen()) return Fail("recorder: the device is not open");
     std::string why;
-    return backend_->Import(handle, frame, why) ? 1 : Fail(why);
+    return backend_->Import(handle, frame, why) ? 1 : LibraryFailed(why);
 }
 
 int CRecorderDevice::ShowImage(const void* data, FrameSource source, bool videoUncompressed, std::int32_t videoRate)
 {
     if (!IsOpen()) return Fail("recorder: the device is not open");
     std::string why;
-    return backend_->ShowImage(handle, data, source, videoUncompressed, videoRate, why) ? 1 : Fail(why);
+    return backend_->ShowImage(handle, data, source, videoUncompressed, videoRate, why) ? 1 : LibraryFailed(why);
 }
 
 int CRecorderDevice::ReleaseItem(std::int32_t item)
@@ -194,14 +222,14 @@ int CRecorderDevice::ReleaseItem(std::int32_t item)
     // A closed object answers as ZUB, here as everywhere.
     RecorderBackend* backend = BackendFor(IsZub() ? RecorderKind::Zub : RecorderKind::Tbx);
     std::string why;
-    return backend->Release(item, why) ? 1 : Fail(why);
+    return backend->Release(item, why) ? 1 : LibraryFailed(why);
 }
 
 int CRecorderDevice::GetFileAppInfo(const char* path, std::uint8_t block[256])
 {
     if (!IsOpen()) return Fail(Named(path) + "the recorder is not open");
     std::string why;
-    return backend_->GetAppInfo(handle, path, block, why) ? 1 : Fail(why);
+    return backend_->GetAppInfo(handle, path, block, why) ? 1 : LibraryFailed(why);
 }
 
 int CRecorderDevice::SetFileAppInfo(const char* path, const void* data116)
@@ -214,14 +242,14 @@ int CRecorderDevice::SetFileAppInfo(const char* path, const void* data116)
     if (!GetFileAppInfo(path, block)) std::memset(block, 0, sizeof block);
     std::string why;
     if (!PutZubvChunk(block, data116, &why)) return Fail(Named(path) + why);
-    return backend_->SetAppInfo(handle, path, block, why) ? 1 : Fail(why);
+    return backend_->SetAppInfo(handle, path, block, why) ? 1 : LibraryFailed(why);
 }
 
 int CRecorderDevice::SetOutputRouting()
 {
     if (!IsOpen()) return Fail("recorder: the device is not open");
     std::string why;
-    return backend_->SetRouting(handle, why) ? 1 : Fail(why);
+    return backend_->SetRouting(handle, why) ? 1 : LibraryFailed(why);
 }
 
 int CRecorderDevice::QueryFileKey(const char* path)
@@ -229,7 +257,7 @@ int CRecorderDevice::QueryFileKey(const char* path)
     if (!IsOpen()) return Fail(Named(path) + "the recorder is not open");
     bool key = false;
     std::string why;
-    if (!backend_->FileKey(handle, path, key, why)) return Fail(why);
+    if (!backend_->FileKey(handle, path, key, why)) return LibraryFailed(why);
     return key ? 1 : 0;
 }
 
@@ -238,7 +266,7 @@ unsigned CRecorderDevice::QueryFileLength(const char* path)
     if (!IsOpen()) return Fail(Named(path) + "the recorder is not open");
     std::int32_t frames = 0;
     std::string why;
-    if (!backend_->FileLength(handle, path, frames, why)) return Fail(why);
+    if (!backend_->FileLength(handle, path, frames, why)) return LibraryFailed(why);
     return frames > 0 ? static_cast<unsigned>(frames) : 0u;
 }
 
@@ -246,7 +274,7 @@ int CRecorderDevice::QuerySystemPrefs(std::string& videoFolder, int& lines, int&
 {
     if (!IsOpen()) return Fail("recorder: the device is not open");
     std::string why;
-    return backend_->SystemPrefs(handle, videoFolder, lines, width, height, why) ? 1 : Fail(why);
+    return backend_->SystemPrefs(handle, videoFolder, lines, width, height, why) ? 1 : LibraryFailed(why);
 }
 
 CRecorderDeviceInfo::~CRecorderDeviceInfo()
@@ -260,7 +288,7 @@ int CRecorderDeviceInfo::OpenDeviceWithInfo(int useZub, int deviceName, int exis
     std::string why;
     if (!BackendFor(kind)->DeviceInfo(handle, lines, frameWidth, frameHeight, why)) {
         CloseDevice();
-        return Fail(why);
+        return LibraryFailed(why);
     }
     return 1;
 }

@@ -114,6 +114,12 @@ public:
 
     // The calling thread's last failure, e.g. "clip.zub: the volume has no space (-29)".
     static std::string GetError();
+    // The library's own result of the calling thread's last failure, 0 when that failure was
+    // not a library's answer (the device was not open, the library could not be loaded).
+    static std::int32_t GetLastResult();
+    // Whether that result is this object's library's no-space code (ZUB -29, Tbx 0xE0040215):
+    // a frame import refused because the volume filled up.
+    bool LastFailureIsNoSpace() const;
 
     RecorderKind kind = RecorderKind::Closed;
     std::int32_t handle = kNoDevice;
@@ -121,6 +127,8 @@ public:
 
 protected:
     static int Fail(std::string message);
+    // A failure the library reported: keeps the result it noted (NoteLibraryResult).
+    static int LibraryFailed(std::string message);
 
 private:
     RecorderBackend* backend_ = nullptr;  // the library `kind` names, while open

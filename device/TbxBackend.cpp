@@ -155,6 +155,7 @@ public:
     bool ShowImage(std::int32_t, const void*, FrameSource, bool, std::int32_t, std::string& why) override
     {
         why = "recorder: the Tbx back-end has no image output";
+        NoteLibraryResult(0);
         return false;
     }
 

@@ -482,13 +482,14 @@ ClipWriter::~ClipWriter()
 }
 
 std::unique_ptr<ClipWriter> ClipWriter::Create(const std::string& path, const ClipHeader& header, bool sync,
-                                               bool* exists, std::string* error)
+                                               bool* exists, std::string* error, bool reserve)
 {
     if (exists) *exists = false;
     std::unique_ptr<ClipWriter> w(new ClipWriter);
     w->path_ = path;
     w->header_ = header;
     w->sync_ = sync;
+    w->reserve_ = reserve;
     w->fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (w->fd_ < 0) {
         if (errno == EEXIST && exists) *exists = true;
@@ -496,7 +497,8 @@ std::unique_ptr<ClipWriter> ClipWriter::Create(const std::string& path, const Cl
         return nullptr;
     }
     const std::uint8_t zeros[256] = {};
-    if (::ftruncate(w->fd_, static_cast<off_t>(ClipFileBytes(header))) != 0 ||
+    const std::uint64_t size = reserve ? ClipFileBytes(header) : header.dataOffset;
+    if (::ftruncate(w->fd_, static_cast<off_t>(size)) != 0 ||
         !PWriteAll(w->fd_, &header, sizeof header, 0) || !PWriteAll(w->fd_, zeros, sizeof zeros, kAppInfoOffset)) {
         Set(error, SysError(path, "cannot write the clip header"));
         ::close(w->fd_);
@@ -512,7 +514,7 @@ std::unique_ptr<ClipWriter> ClipWriter::Create(const std::string& path, const Cl
     return w;
 }
 
-bool ClipWriter::WriteFrame(Track t, std::uint32_t frame, const FrameView& v, std::string* error)
+bool ClipWriter::WriteFrame(Track t, std::uint32_t frame, const FrameView& v, std::string* error, bool* noSpace)
 {
     std::lock_guard lock(mutex_);
     if (!encoders_[t]) {
@@ -529,7 +531,18 @@ bool ClipWriter::WriteFrame(Track t, std::uint32_t frame, const FrameView& v, st
         Set(error, path_ + ": frame " + std::to_string(frame) + ": " + why);
         return false;
     }
-    return WriteLocked(t, frame, buffer_, e, error);
+    return WriteLocked(t, frame, buffer_, e, error, noSpace);
+}
+
+std::uint64_t ClipWriter::FileBytes() const
+{
+    struct stat st {};
+    return ::fstat(fd_, &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
+}
+
+std::uint64_t ClipWriter::BytesThrough(std::uint32_t frame) const
+{
+    return header_.dataOffset + (static_cast<std::uint64_t>(frame) + 1) * (header_.videoSlot + header_.alphaSlot);
 }
 
 bool ClipWriter::WriteEncoded(Track t, std::uint32_t frame, const std::vector<std::uint8_t>& bytes, IndexEntry e,
@@ -540,7 +553,7 @@ bool ClipWriter::WriteEncoded(Track t, std::uint32_t frame, const std::vector<st
 }
 
 bool ClipWriter::WriteLocked(Track t, std::uint32_t frame, const std::vector<std::uint8_t>& bytes, IndexEntry e,
-                             std::string* error)
+                             std::string* error, bool* noSpace)
 {
     const std::uint32_t slot = t == kVideo ? header_.videoSlot : header_.alphaSlot;
     if (frame >= header_.capacity) {
@@ -554,7 +567,14 @@ bool ClipWriter::WriteLocked(Track t, std::uint32_t frame, const std::vector<std
     }
     const std::uint64_t at = header_.dataOffset + static_cast<std::uint64_t>(frame) * (header_.videoSlot + header_.alphaSlot) +
                              (t == kAlpha ? header_.videoSlot : 0);
+    // A growing clip takes whole frames, both tracks' slots, as a reader expects.
+    if (!reserve_ && FileBytes() < BytesThrough(frame) && ::ftruncate(fd_, static_cast<off_t>(BytesThrough(frame))) != 0) {
+        if (noSpace) *noSpace = errno == ENOSPC || errno == EDQUOT || errno == EFBIG;
+        Set(error, SysError(path_, "cannot grow the clip"));
+        return false;
+    }
     if (!PWriteAll(fd_, bytes.data(), bytes.size(), at)) {
+        if (noSpace) *noSpace = errno == ENOSPC || errno == EDQUOT;
         Set(error, SysError(path_, "cannot write a frame"));
         return false;
     }

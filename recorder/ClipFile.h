@@ -136,13 +136,19 @@ private:
 class ClipWriter {
 public:
     ~ClipWriter();
-    // Creates the file (it must not exist: *exists is set then) and reserves its size.
+    // Creates the file (it must not exist: *exists is set then). With `reserve` the file takes
+    // its whole size at once; without, it holds the header and index and grows with frames.
     static std::unique_ptr<ClipWriter> Create(const std::string& path, const ClipHeader& header, bool sync,
-                                              bool* exists, std::string* error);
+                                              bool* exists, std::string* error, bool reserve = true);
     const ClipHeader& Header() const { return header_; }
     const std::string& Path() const { return path_; }
-    // Encodes and stores the frame at `frame` of the track.
-    bool WriteFrame(Track track, std::uint32_t frame, const FrameView& view, std::string* error);
+    // Encodes and stores the frame at `frame` of the track; *noSpace tells a failure for want
+    // of space on the file system.
+    bool WriteFrame(Track track, std::uint32_t frame, const FrameView& view, std::string* error,
+                    bool* noSpace = nullptr);
+    // Bytes the file takes now, and would take once `frame` (and those before it) is written.
+    std::uint64_t FileBytes() const;
+    std::uint64_t BytesThrough(std::uint32_t frame) const;
     // Stores already encoded bytes (tests and tools).
     bool WriteEncoded(Track track, std::uint32_t frame, const std::vector<std::uint8_t>& bytes, IndexEntry entry,
                       std::string* error);
@@ -152,11 +158,12 @@ public:
 private:
     ClipWriter() = default;
     bool WriteLocked(Track track, std::uint32_t frame, const std::vector<std::uint8_t>& bytes, IndexEntry entry,
-                     std::string* error);
+                     std::string* error, bool* noSpace = nullptr);
     std::mutex mutex_;
     std::string path_;
     int fd_ = -1;
     bool sync_ = false;
+    bool reserve_ = true;
     ClipHeader header_{};
     std::unique_ptr<TrackEncoder> encoders_[2];
     std::vector<std::uint8_t> buffer_;

@@ -14,8 +14,24 @@
 //                                 atomically); default $XDG_RUNTIME_DIR/zubrecorder-monitor.jpg,
 //                                 or $TMPDIR when there is no runtime folder; "off" disables it
 //   sync    = 0 | 1               fdatasync frame data before writing its index entry
+//   reserve = 1 | 0               1: a new clip takes its whole size at once; 0: it grows
+//                                 frame by frame, so a full volume shows mid-clip
+// Faults on demand, for testing what the recorder's users do when it fails (all off when
+// absent; counts run over every clip written through one open device):
+//   fail_create  = nospace | exists   clip creation refused with the library's no-space or
+//                                     exists code, no file made
+//   fail_import  = N                  the Nth frame import (1 = the first) fails with the
+//                                     library's I/O error code; that frame is not written
+//   full_after   = N                  after N frames the volume is full: further frame
+//                                     imports and creations fail with the no-space code and
+//                                     the space query answers 0
+//   fail_appinfo = 0 | 1              writing a file's application information fails with the
+//                                     library's I/O error code, the file untouched
+//   write_delay  = MS                 each frame import and information write waits MS ms
 // Each key can be overridden by the environment: ZUBREC_LINES, ZUBREC_VOLUME, ZUBREC_LIMIT,
-// ZUBREC_MONITOR, ZUBREC_SYNC.
+// ZUBREC_MONITOR, ZUBREC_SYNC, ZUBREC_RESERVE, ZUBREC_FAIL_CREATE, ZUBREC_FAIL_IMPORT,
+// ZUBREC_FULL_AFTER, ZUBREC_FAIL_APPINFO, ZUBREC_WRITE_DELAY (an empty variable counts as
+// absent).
 #pragma once
 
 #include <cstdint>
@@ -23,12 +39,24 @@
 
 namespace zub::rec {
 
+enum class CreateFault { None, NoSpace, Exists };
+
+struct RecorderFaults {
+    CreateFault create = CreateFault::None;
+    std::uint32_t failImport = 0;    // 1-based; 0: off
+    std::int64_t fullAfter = -1;     // frames; -1: off
+    bool failAppInfo = false;
+    std::uint32_t writeDelayMs = 0;
+};
+
 struct RecorderConfig {
     int lines = 525;
     std::string volume;       // ends with '/'
     std::uint64_t limitBytes = 0;
     std::string monitor;      // empty: no output monitor
     bool sync = false;
+    bool reserve = true;      // clips take their whole size when they are created
+    RecorderFaults faults;
     std::string file;         // the configuration file that was read ("" when none)
     std::string problem;      // what was wrong with it, if anything
 

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <atomic>
+#include <chrono>
 #include <functional>
 #include <limits>
 #include <thread>
@@ -68,6 +70,12 @@ std::int32_t TypeOfRate(std::int32_t rate)
     return rate == -1 ? kTypeUncompressed : kTypeCompressed;
 }
 
+// The configured slowness of every write.
+void DelayWrite(const RecorderFaults& faults)
+{
+    if (faults.writeDelayMs) std::this_thread::sleep_for(std::chrono::milliseconds(faults.writeDelayMs));
+}
+
 }  // namespace
 
 bool VolumeFreeBytes(const std::string& folderIn, const RecorderConfig& config, std::uint64_t& bytes, std::string* error)
@@ -120,6 +128,11 @@ struct SubstituteRecorder::Object {
 struct SubstituteRecorder::Device : Object {
     RecorderConfig config;
     bool initialised = false;
+    // The configured faults count over every clip written through this device; imports may
+    // come from several threads.
+    std::atomic<std::uint32_t> imports{0};     // frame imports asked for
+    std::atomic<std::int64_t> framesStored{0};  // frames taken, against full_after
+    std::atomic<bool> full{false};             // full_after reached
     std::int32_t preview[3] = {0, 0, 0};
     std::int32_t output[6] = {0, 0, 0, 1, 0, 0};
     std::int32_t routing[5] = {0, 0, 0, 0, 0};
@@ -259,7 +272,7 @@ Status SubstituteRecorder::FramesFit(std::int32_t device, const char* folder, st
     std::string why;
     if (!FramesThatFit(folder ? folder : "", d->config, videoRate, alphaRate, n, &why))
         return Fail(Status::BadArgument, why);
-    frames = static_cast<std::int32_t>(n);
+    frames = d->full ? 0 : static_cast<std::int32_t>(n);
     return Status::Ok;
 }
 
@@ -271,6 +284,11 @@ Status SubstituteRecorder::CreateClip(std::int32_t device, const ClipRequest& r,
     if (!d) return s;
     if (!r.path || !*r.path) return Fail(Status::BadArgument, "no clip path");
     const std::string path = r.path;
+    if (d->config.faults.create == CreateFault::NoSpace)
+        return Fail(Status::NoSpace, path + ": the volume has no space (fault fail_create = nospace)");
+    if (d->config.faults.create == CreateFault::Exists)
+        return Fail(Status::Exists, path + ": exists already (fault fail_create = exists)");
+    if (d->full) return Fail(Status::NoSpace, path + ": the volume is full (fault full_after)");
     ClipParams p;
     p.width = static_cast<std::uint32_t>(d->config.Width());
     p.height = static_cast<std::uint32_t>(d->config.Height());
@@ -288,12 +306,13 @@ Status SubstituteRecorder::CreateClip(std::int32_t device, const ClipRequest& r,
     if (::stat(path.c_str(), &st) == 0) return Fail(Status::Exists, path + ": exists already");
     std::uint64_t free = 0;
     if (!VolumeFreeBytes(FolderOf(path), d->config, free, &why)) return Fail(Status::IoError, why);
-    const std::uint64_t need = ClipFileBytes(h);
+    // Without reservation a clip starts as its header and index and grows frame by frame.
+    const std::uint64_t need = d->config.reserve ? ClipFileBytes(h) : h.dataOffset;
     if (need > free)
         return Fail(Status::NoSpace, path + ": the clip needs " + std::to_string(need) + " bytes, the volume has " +
                                          std::to_string(free));
     bool exists = false;
-    std::shared_ptr<ClipWriter> writer = ClipWriter::Create(path, h, d->config.sync, &exists, &why);
+    std::shared_ptr<ClipWriter> writer = ClipWriter::Create(path, h, d->config.sync, &exists, &why, d->config.reserve);
     if (!writer) return Fail(exists ? Status::Exists : Status::IoError, why);
     auto video = std::make_shared<Item>();
     video->writer = writer;
@@ -333,10 +352,49 @@ Status SubstituteRecorder::Import(std::int32_t device, std::int32_t videoItem, s
     FrameView view;
     std::string why;
     if (!ParseFrame(data, h.width, h.height, view, &why)) return Fail(Status::BadArgument, video->path + ": " + why);
-    if (!video->writer->WriteFrame(kVideo, static_cast<std::uint32_t>(videoField >> 1), view, &why))
+    const RecorderFaults& faults = d->config.faults;
+    const std::uint32_t frame = static_cast<std::uint32_t>(videoField >> 1);
+    DelayWrite(faults);
+    const std::uint32_t attempt = ++d->imports;
+    if (faults.failImport && attempt == faults.failImport)
+        return Fail(Status::IoError, video->path + ": frame " + std::to_string(frame) + " cannot be written (fault fail_import = " +
+                                         std::to_string(attempt) + ")");
+    // A slot on the volume is taken before the frame is written, so threads importing at
+    // once never store more than full_after frames between them.
+    const bool counted = faults.fullAfter >= 0;
+    if (counted && d->framesStored.fetch_add(1) >= faults.fullAfter) {
+        --d->framesStored;
+        d->full = true;
+        return Fail(Status::NoSpace, video->path + ": frame " + std::to_string(frame) + ": the volume is full (fault full_after = " +
+                                         std::to_string(faults.fullAfter) + ")");
+    }
+    const Status written = WriteFrames(*d, *video, alpha.get(), frame, static_cast<std::uint32_t>(alphaField >> 1), view);
+    if (written != Status::Ok && counted) --d->framesStored;
+    return written;
+}
+
+Status SubstituteRecorder::WriteFrames(Device& d, Item& video, Item* alpha, std::uint32_t frame,
+                                       std::uint32_t alphaFrame, const FrameView& view)
+{
+    ClipWriter& w = *video.writer;
+    std::string why;
+    if (!d.config.reserve) {
+        // The clip grows as it is written: the volume may fill under it.
+        const std::uint64_t end = w.BytesThrough(std::max(frame, alphaFrame));
+        const std::uint64_t now = w.FileBytes();
+        std::uint64_t free = 0;
+        if (!VolumeFreeBytes(FolderOf(video.path), d.config, free, &why)) return Fail(Status::IoError, why);
+        if (end > now && end - now > free)
+            return Fail(Status::NoSpace, video.path + ": frame " + std::to_string(frame) + " needs " +
+                                             std::to_string(end - now) + " bytes, the volume has " + std::to_string(free));
+    }
+    auto failed = [&](bool noSpace) {
+        if (noSpace) return Fail(Status::NoSpace, why);
         return Fail(why.find("lowest quality") != std::string::npos ? Status::FrameTooBig : Status::IoError, why);
-    if (alpha && !video->writer->WriteFrame(kAlpha, static_cast<std::uint32_t>(alphaField >> 1), view, &why))
-        return Fail(why.find("lowest quality") != std::string::npos ? Status::FrameTooBig : Status::IoError, why);
+    };
+    bool noSpace = false;
+    if (!w.WriteFrame(kVideo, frame, view, &why, &noSpace)) return failed(noSpace);
+    if (alpha && !w.WriteFrame(kAlpha, alphaFrame, view, &why, &noSpace)) return failed(noSpace);
     return Status::Ok;
 }
 
@@ -386,8 +444,13 @@ Status SubstituteRecorder::GetAppInfo(std::int32_t device, const char* path, std
 Status SubstituteRecorder::SetAppInfo(std::int32_t device, const char* path, const std::uint8_t block[256])
 {
     Status s;
-    if (!FindDevice(device, s)) return s;
+    auto d = FindDevice(device, s);
+    if (!d) return s;
     if (!block) return Fail(Status::BadArgument, "no information block");
+    DelayWrite(d->config.faults);
+    if (d->config.faults.failAppInfo)
+        return Fail(Status::IoError, std::string(path ? path : "") +
+                                         ": the information block cannot be written (fault fail_appinfo)");
     std::string why;
     if (!WriteAppInfo(path ? path : "", block, &why)) return Fail(Status::BadFile, why);
     return Status::Ok;

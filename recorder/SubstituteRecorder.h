@@ -87,6 +87,8 @@ private:
     struct Item;
     struct Object;
     Status Fail(Status s, std::string text);
+    Status WriteFrames(Device& device, Item& video, Item* alpha, std::uint32_t frame, std::uint32_t alphaFrame,
+                       const FrameView& view);
     std::shared_ptr<Object> Find(std::int32_t handle);
     std::shared_ptr<Device> FindDevice(std::int32_t handle, Status& s);
     std::int32_t Add(std::shared_ptr<Object> object);

@@ -301,6 +301,33 @@ TEST_F(DeviceTest, ImportAndOutputRecords)
     EXPECT_EQ(g.data, frame);
 }
 
+TEST_F(DeviceTest, LastResultTellsNoSpaceApartPerBackEnd)
+{
+    FrameImport f;
+    f.videoItem = 11;
+    struct Case {
+        int useZub;
+        std::int32_t code;
+        bool noSpace;
+    };
+    const Case cases[] = {{1, rec::kZubNoSpace, true},  {1, rec::kTbxNoSpace, false}, {1, -5, false},
+                          {0, rec::kTbxNoSpace, true},  {0, rec::kZubNoSpace, false}, {0, rec::kTbxIoError, false}};
+    for (const Case& c : cases) {
+        ASSERT_EQ(dev.OpenDevice(c.useZub, 0, 0), 1);
+        Fake().importResult = c.code;
+        EXPECT_EQ(dev.ImportFrame(f), 0);
+        EXPECT_EQ(CRecorderDevice::GetLastResult(), c.code);
+        EXPECT_EQ(dev.LastFailureIsNoSpace(), c.noSpace) << c.useZub << " " << c.code;
+        // A failure of the device itself carries no library result.
+        EXPECT_EQ(dev.OpenDevice(c.useZub, 0, 0), 0);
+        EXPECT_EQ(CRecorderDevice::GetLastResult(), 0);
+        EXPECT_FALSE(dev.LastFailureIsNoSpace());
+        dev.CloseDevice();
+    }
+    EXPECT_EQ(dev.ImportFrame(f), 0);
+    EXPECT_EQ(CRecorderDevice::GetLastResult(), 0);
+}
+
 TEST_F(DeviceTest, VolumeSpace)
 {
     Fake().framesFit = 321;

@@ -58,17 +58,7 @@ protected:
         EXPECT_EQ(dev.CreateClipItem(spec, items), ClipStatus::Ok) << CRecorderDevice::GetError();
         for (int i = 0; i < frames; ++i) {
             const auto holder = Holder(TestPicture(i, 720, 486, noise));
-            FrameImport f;
-            f.videoItem = items.video;
-            f.alphaItem = items.alpha;
-            f.frame = i;
-            f.data = holder.data();
-            f.videoRate = spec.videoRate;
-            f.alphaRate = spec.alphaRate;
-            f.videoType = VideoTypeFor(spec.videoUncompressed);
-            f.alphaType = AlphaTypeFor(spec.createAlpha, spec.alphaSameAsVideo, spec.alphaUncompressed,
-                                       spec.videoUncompressed);
-            EXPECT_EQ(dev.ImportFrame(f), 1) << CRecorderDevice::GetError();
+            EXPECT_EQ(dev.ImportFrame(FrameFor(spec, items, i, holder.data())), 1) << CRecorderDevice::GetError();
         }
         return items;
     }

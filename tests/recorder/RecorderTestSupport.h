@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "device/RecorderDevice.h"
 #include "zubimport/Platform.h"
 #include "Tool.h"
 
@@ -70,6 +71,22 @@ inline Picture TestPicture(int frame, int width = 720, int height = 486, int noi
             px[3] = static_cast<std::uint8_t>(r < 100 ? 255 : r > 140 ? 0 : 255 - (r - 100) * 255 / 40);
         }
     return p;
+}
+
+// The import of one frame into a clip made from `spec`.
+inline FrameImport FrameFor(const ClipSpec& spec, const ClipItems& items, int frame, const void* data)
+{
+    FrameImport f;
+    f.videoItem = items.video;
+    f.alphaItem = items.alpha;
+    f.frame = frame;
+    f.data = data;
+    f.videoRate = spec.videoRate;
+    f.alphaRate = spec.alphaRate;
+    f.videoType = VideoTypeFor(spec.videoUncompressed);
+    f.alphaType =
+        AlphaTypeFor(spec.createAlpha, spec.alphaSameAsVideo, spec.alphaUncompressed, spec.videoUncompressed);
+    return f;
 }
 
 inline std::string Shell(const std::string& command, int* status = nullptr)
