@@ -202,13 +202,7 @@ BatchRunResult RunBatch(const std::vector<BatchRow>& rows, const BatchRunOptions
         RemoveUnwrappedCopy(unwrapped);
 
         bool ok = failure.empty() && imp.ok;
-        if (ok) {
-            const CompanionStart c = StartCompanion(folder, CompanionName(row.type), row.fileName, row.note);
-            if (!c.ok) {
-                ok = false;
-                failure = c.error;
-            }
-        }
+        // What the row made is read back before a companion is told of it.
         if (ok && options.verifyClips) {
             for (const std::string* p : {&imp.clipPath, &imp.secondPath}) {
                 if (p->empty()) continue;
@@ -219,6 +213,13 @@ BatchRunResult RunBatch(const std::vector<BatchRow>& rows, const BatchRunOptions
                     failure = why;
                     break;
                 }
+            }
+        }
+        if (ok) {
+            const CompanionStart comp = StartCompanion(folder, CompanionName(row.type), row.fileName, row.note);
+            if (!comp.ok) {
+                ok = false;
+                failure = comp.error;
             }
         }
         out.ok = ok;

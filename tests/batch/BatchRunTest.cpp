@@ -177,6 +177,8 @@ TEST_F(BatchRunTest, WithoutEveryItemOnlyTheLastRowNotifies)
 
 TEST_F(BatchRunTest, ReadBackMismatchFailsTheRowWithTheReason)
 {
+    InstallCompanion("Batch_Import_Video");
+    InstallCompanion("Batch_Import_Audio");
     fake_.scripts["short.mov"] = {true, "", 3, 5};
     fake_.scripts["cut.wav"] = {true, "", -1, -2, true, true};
     fake_.scripts["gone.mov"] = {true, ""};
@@ -186,6 +188,8 @@ TEST_F(BatchRunTest, ReadBackMismatchFailsTheRowWithTheReason)
     EXPECT_FALSE(run.rows[1].ok);
     EXPECT_NE(run.rows[1].result.find("cut short"), std::string::npos) << run.rows[1].result;
     EXPECT_TRUE(run.anyFailed);
+    WaitForCompanionsForTesting();
+    EXPECT_FALSE(fs::exists(module_ / "log"));  // no companion hears of a file that failed its read-back
 
     // The same check on its own: a file that is not there, and a clip the recorder cannot read.
     EXPECT_NE(VerifyMadeFile(vol_ / "nothing.wav", -1).find("cannot be opened"), std::string::npos);
