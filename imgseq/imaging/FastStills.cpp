@@ -2,6 +2,7 @@
 
 #include <turbojpeg.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -81,37 +82,47 @@ FastResult DecodeTga(const std::uint8_t* data, std::size_t size, const FastAlloc
         return FastResult::Decoded;
     }
 
-    // Run-length packets may run from one row into the next.
+    // Run-length packets may run from one row into the next: each packet is laid down in
+    // pieces that stay within a row.
     const std::uint8_t* s = data + at;
     const std::uint8_t* end = data + size;
-    std::size_t left = static_cast<std::size_t>(width) * height;
     int y = 0, x = 0;
     std::uint8_t* d = rowOf(0);
-    auto put = [&](const std::uint8_t* px) {
-        d[0] = px[0];
-        d[1] = px[1];
-        d[2] = px[2];
-        d[3] = bpp == 4 ? px[3] : 255;
-        d += 4;
-        if (++x == width && ++y < height) {
-            x = 0;
-            d = rowOf(y);
-        }
-    };
-    while (left > 0) {
+    while (y < height) {
         if (s >= end) return Failed(error, "the run-length pixels are cut short");
         const unsigned head = *s++;
-        const std::size_t count = std::min<std::size_t>((head & 0x7F) + 1, left);
-        if (head & 0x80) {
-            if (static_cast<std::size_t>(end - s) < bpp) return Failed(error, "the run-length pixels are cut short");
-            for (std::size_t k = 0; k < count; ++k) put(s);
+        std::size_t count = (head & 0x7F) + 1;
+        const bool run = (head & 0x80) != 0;
+        if (static_cast<std::size_t>(end - s) < (run ? 1 : count) * bpp)
+            return Failed(error, "the run-length pixels are cut short");
+        std::uint32_t value = 0;
+        if (run) {
+            value = std::uint32_t(s[0]) | (std::uint32_t(s[1]) << 8) | (std::uint32_t(s[2]) << 16) |
+                    (bpp == 4 ? std::uint32_t(s[3]) << 24 : 0xFF000000u);
             s += bpp;
-        } else {
-            if (static_cast<std::size_t>(end - s) < count * bpp)
-                return Failed(error, "the run-length pixels are cut short");
-            for (std::size_t k = 0; k < count; ++k, s += bpp) put(s);
         }
-        left -= count;
+        while (count > 0 && y < height) {
+            const std::size_t n = std::min<std::size_t>(count, static_cast<std::size_t>(width - x));
+            if (run) {
+                for (std::size_t k = 0; k < n; ++k) std::memcpy(d + 4 * k, &value, 4);
+            } else if (bpp == 4) {
+                std::memcpy(d, s, n * 4);
+                s += n * 4;
+            } else {
+                for (std::size_t k = 0; k < n; ++k, s += 3) {
+                    const std::uint32_t v = std::uint32_t(s[0]) | (std::uint32_t(s[1]) << 8) |
+                                            (std::uint32_t(s[2]) << 16) | 0xFF000000u;
+                    std::memcpy(d + 4 * k, &v, 4);
+                }
+            }
+            d += 4 * n;
+            x += static_cast<int>(n);
+            count -= n;
+            if (x == width && ++y < height) {
+                x = 0;
+                d = rowOf(y);
+            }
+        }
     }
     return FastResult::Decoded;
 }
