@@ -10,7 +10,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-#include "TestMedia.h"
+#include "tests/support/testmedia/TestMedia.h"
 
 namespace zt = zub::testmedia;
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <cstdint>
 
-#include "TestMedia.h"
+#include "tests/support/testmedia/TestMedia.h"
 
 namespace zub::testmedia {
 namespace {

@@ -16,7 +16,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
-#include "TestMedia.h"
+#include "tests/support/testmedia/TestMedia.h"
 
 namespace zub::testmedia {
 namespace {
