@@ -2,6 +2,7 @@
 
 #include <gst/audio/audio.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 
@@ -41,7 +42,7 @@ bool CGraphAudioReader::OpenAudio(const std::string& path, std::string* error)
     auto seen = std::make_shared<Seen>();
     auto builder = [seen](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
         GstAudioInfo info;
-        if (gst_audio_info_from_caps(&info, decoded)) {
+        if (gst_caps_is_fixed(decoded) && gst_audio_info_from_caps(&info, decoded)) {
             seen->rate = GST_AUDIO_INFO_RATE(&info);
             seen->channels = GST_AUDIO_INFO_CHANNELS(&info);
         }
@@ -61,10 +62,118 @@ bool CGraphAudioReader::OpenAudio(const std::string& path, std::string* error)
     channels_ = seen->channels;
     const std::int64_t ns = probe.DurationNs();
     duration_ = ns > 0 ? ns / 100 : 0;
+    // The graph knows no length for elementary streams (AC-3, DTS …) and counts encoder
+    // priming and padding in; libavformat's reading of the stream says what plays.
+    if (ReadAudioFacts(path, &facts_, nullptr) && facts_.samples >= 0 && facts_.rate > 0)
+        duration_ = facts_.samples * 10'000'000 / facts_.rate;
+    if (rate_ <= 0 && facts_.known) rate_ = facts_.rate;
+    if (channels_ <= 0 && facts_.known) channels_ = facts_.channels;
     if (rate_ <= 0 || channels_ <= 0) return fail(path + ": the audio stream has no usable format");
     opened_ = true;
     return true;
 }
+
+namespace {
+
+// Sample frames to leave out at the start and where the sound ends, applied to the 16-bit
+// interleaved stream just before it is written; a tail the decoder lost is filled with silence.
+struct Trim {
+    std::int64_t dropStart = 0;
+    std::int64_t limit = -1;   // frames the WAVE should hold; -1: whatever comes
+    std::int64_t written = 0;
+    int frameBytes = 0;
+    int rate = 0;
+};
+
+GstPadProbeReturn TrimProbe(GstPad* pad, GstPadProbeInfo* info, gpointer data)
+{
+    Trim* trim = static_cast<std::shared_ptr<Trim>*>(data)->get();
+    if (trim->frameBytes <= 0) return GST_PAD_PROBE_OK;
+    if (info->type & GST_PAD_PROBE_TYPE_BUFFER) {
+        GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+        const std::int64_t size = static_cast<std::int64_t>(gst_buffer_get_size(buffer));
+        std::int64_t frames = size / trim->frameBytes;
+        std::int64_t first = 0;
+        if (trim->dropStart > 0) {
+            first = std::min(trim->dropStart, frames);
+            trim->dropStart -= first;
+        }
+        std::int64_t keep = frames - first;
+        if (trim->limit >= 0) keep = std::max<std::int64_t>(0, std::min(keep, trim->limit - trim->written));
+        if (keep <= 0) return GST_PAD_PROBE_DROP;
+        trim->written += keep;
+        if (first == 0 && keep == frames) return GST_PAD_PROBE_OK;
+        GstBuffer* part = gst_buffer_copy_region(buffer, GST_BUFFER_COPY_ALL, static_cast<gsize>(first * trim->frameBytes),
+                                                 static_cast<gsize>(keep * trim->frameBytes));
+        gst_buffer_unref(buffer);
+        GST_PAD_PROBE_INFO_DATA(info) = part;
+        return GST_PAD_PROBE_OK;
+    }
+    if ((info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) && GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS) {
+        const std::int64_t missing = trim->limit - trim->written;
+        // Up to a second lost by the decoder at the very end is silence; more is a damaged or
+        // cut file, which keeps what it has.
+        if (trim->limit >= 0 && missing > 0 && missing <= trim->rate) {
+            GstBuffer* silence = gst_buffer_new_allocate(nullptr, static_cast<gsize>(missing * trim->frameBytes), nullptr);
+            gst_buffer_memset(silence, 0, 0, static_cast<gsize>(missing * trim->frameBytes));
+            trim->written += missing;
+            gst_pad_push(pad, silence);
+        }
+    }
+    return GST_PAD_PROBE_OK;
+}
+
+// The matrix that folds the decoded channels into stereo: fronts as they are, centre and
+// surrounds at -3 dB into their side (both sides for the centre), LFE left out.
+void SetDownmix(GstElement* convert, const GstAudioInfo& info)
+{
+    static const GstAudioChannelPosition kDefault[8] = {
+        GST_AUDIO_CHANNEL_POSITION_FRONT_LEFT,  GST_AUDIO_CHANNEL_POSITION_FRONT_RIGHT,
+        GST_AUDIO_CHANNEL_POSITION_FRONT_CENTER, GST_AUDIO_CHANNEL_POSITION_LFE1,
+        GST_AUDIO_CHANNEL_POSITION_REAR_LEFT,   GST_AUDIO_CHANNEL_POSITION_REAR_RIGHT,
+        GST_AUDIO_CHANNEL_POSITION_SIDE_LEFT,   GST_AUDIO_CHANNEL_POSITION_SIDE_RIGHT};
+    const double g = 0.70710678118654752;
+    const int n = GST_AUDIO_INFO_CHANNELS(&info);
+    const bool positioned = !GST_AUDIO_INFO_IS_UNPOSITIONED(&info);
+    GValue matrix = G_VALUE_INIT;
+    g_value_init(&matrix, GST_TYPE_ARRAY);
+    for (int out = 0; out < 2; ++out) {
+        GValue row = G_VALUE_INIT;
+        g_value_init(&row, GST_TYPE_ARRAY);
+        for (int in = 0; in < n; ++in) {
+            const GstAudioChannelPosition p =
+                positioned ? info.position[in] : (in < 8 ? kDefault[in] : GST_AUDIO_CHANNEL_POSITION_INVALID);
+            double left = 0, right = 0;
+            switch (p) {
+            case GST_AUDIO_CHANNEL_POSITION_FRONT_LEFT: left = 1; break;
+            case GST_AUDIO_CHANNEL_POSITION_FRONT_RIGHT: right = 1; break;
+            case GST_AUDIO_CHANNEL_POSITION_FRONT_CENTER:
+            case GST_AUDIO_CHANNEL_POSITION_REAR_CENTER:
+            case GST_AUDIO_CHANNEL_POSITION_MONO: left = right = g; break;
+            case GST_AUDIO_CHANNEL_POSITION_REAR_LEFT:
+            case GST_AUDIO_CHANNEL_POSITION_SIDE_LEFT:
+            case GST_AUDIO_CHANNEL_POSITION_FRONT_LEFT_OF_CENTER:
+            case GST_AUDIO_CHANNEL_POSITION_WIDE_LEFT:
+            case GST_AUDIO_CHANNEL_POSITION_SURROUND_LEFT: left = g; break;
+            case GST_AUDIO_CHANNEL_POSITION_REAR_RIGHT:
+            case GST_AUDIO_CHANNEL_POSITION_SIDE_RIGHT:
+            case GST_AUDIO_CHANNEL_POSITION_FRONT_RIGHT_OF_CENTER:
+            case GST_AUDIO_CHANNEL_POSITION_WIDE_RIGHT:
+            case GST_AUDIO_CHANNEL_POSITION_SURROUND_RIGHT: right = g; break;
+            default: break;  // LFE, height and unknown channels are left out
+            }
+            GValue v = G_VALUE_INIT;
+            g_value_init(&v, G_TYPE_FLOAT);
+            g_value_set_float(&v, static_cast<float>(out == 0 ? left : right));
+            gst_value_array_append_and_take_value(&row, &v);
+        }
+        gst_value_array_append_and_take_value(&matrix, &row);
+    }
+    g_object_set_property(G_OBJECT(convert), "mix-matrix", &matrix);
+    g_value_unset(&matrix);
+}
+
+}  // namespace
 
 bool CGraphAudioReader::Start(const std::string& wavePath, std::string* error)
 {
@@ -80,7 +189,25 @@ bool CGraphAudioReader::Start(const std::string& wavePath, std::string* error)
     graph_.reset();
     finished_ = false;
     wavePath_ = wavePath;
-    auto builder = [wavePath](GstBin* bin, GstCaps*, std::string* reason) -> GstElement* {
+    auto trim = std::make_shared<Trim>();
+    // The graph plays MPEG audio's own priming (the encoder's gapless note) where libavcodec
+    // leaves it out; other containers' edits and pre-skips it honours itself.
+    if (facts_.known && facts_.codec == "mp3" && facts_.container == "mp3") trim->dropStart = facts_.startSkip;
+    const AudioFacts facts = facts_;
+    auto builder = [wavePath, trim, facts](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
+        // A parser handing out raw sound may expose its pad before its format is settled;
+        // the stream's own description then says what will come.
+        GstAudioInfo info;
+        gst_audio_info_init(&info);
+        const bool settled = gst_caps_is_fixed(decoded) && gst_audio_info_from_caps(&info, decoded);
+        const int channels = settled ? GST_AUDIO_INFO_CHANNELS(&info) : facts.channels;
+        const int rate = settled ? GST_AUDIO_INFO_RATE(&info) : facts.rate;
+        if (channels <= 0 || rate <= 0) {
+            *reason = "the decoded audio has no usable format";
+            return nullptr;
+        }
+        if (!settled) gst_audio_info_set_format(&info, GST_AUDIO_FORMAT_S16LE, rate, channels, nullptr);
+        const int outChannels = channels > 2 ? 2 : channels;
         GstElement* chain[4] = {gst_element_factory_make("audioconvert", nullptr), gst_element_factory_make("capsfilter", nullptr),
                                 gst_element_factory_make("wavenc", nullptr), gst_element_factory_make("filesink", nullptr)};
         for (GstElement* e : chain) {
@@ -92,14 +219,25 @@ bool CGraphAudioReader::Start(const std::string& wavePath, std::string* error)
                 return nullptr;
             }
         }
+        if (channels > 2) SetDownmix(chain[0], info);
         gst::CapsPtr pcm(gst_caps_new_simple("audio/x-raw", "format", G_TYPE_STRING, "S16LE", "layout", G_TYPE_STRING,
-                                             "interleaved", nullptr));
+                                             "interleaved", "channels", G_TYPE_INT, outChannels, nullptr));
+        if (outChannels == 2)
+            gst_caps_set_simple(pcm.get(), "channel-mask", GST_TYPE_BITMASK, static_cast<guint64>(0x3), nullptr);
         g_object_set(chain[1], "caps", pcm.get(), nullptr);
         g_object_set(chain[3], "location", wavePath.c_str(), "sync", FALSE, nullptr);
         if (!gst_element_link_many(chain[0], chain[1], chain[2], chain[3], nullptr)) {
             *reason = "the decoded audio cannot be turned into 16-bit PCM";
             return nullptr;
         }
+        trim->frameBytes = 2 * outChannels;
+        trim->rate = rate;
+        if (facts.known && facts.samples >= 0 && facts.rate > 0)
+            trim->limit = facts.rate == rate ? facts.samples : facts.samples * rate / facts.rate;
+        gst::Ref<GstPad> out(gst_element_get_static_pad(chain[1], "src"));
+        gst_pad_add_probe(out.get(), static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
+                          TrimProbe, new std::shared_ptr<Trim>(trim),
+                          [](gpointer p) { delete static_cast<std::shared_ptr<Trim>*>(p); });
         for (int i = 3; i >= 0; --i) gst_element_sync_state_with_parent(chain[i]);
         return chain[0];
     };
@@ -156,6 +294,7 @@ void CGraphAudioReader::Close()
     finished_ = false;
     rate_ = channels_ = 0;
     duration_ = 0;
+    facts_ = AudioFacts{};
 }
 
 }  // namespace zub

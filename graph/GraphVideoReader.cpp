@@ -3,6 +3,7 @@
 #include <gst/app/gstappsink.h>
 #include <gst/video/video.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "DecodeGraph.h"
@@ -41,8 +42,12 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
     std::string why;
     if (!initialised_ && !Init(&why)) return fail(why);
     path_ = path;
+    // What libavformat can tell beyond the graph; a file it cannot read is still decoded by
+    // the graph with the graph's own numbers.
+    ReadVideoFacts(path, &facts_, nullptr);
+    const int rotation = facts_.rotation;
     graph_ = std::make_unique<gst::DecodeGraph>();
-    auto builder = [this](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
+    auto builder = [this, rotation](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
         GstVideoInfo info;
         const bool alpha = gst_video_info_from_caps(&info, decoded) && GST_VIDEO_INFO_HAS_ALPHA(&info);
         decodedAlpha_ = alpha;
@@ -63,12 +68,25 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
         callbacks.new_sample = [](GstAppSink* appsink, gpointer self) -> GstFlowReturn {
             return static_cast<GstFlowReturn>(static_cast<CGraphVideoReader*>(self)->Deliver(appsink));
         };
+        callbacks.eos = [](GstAppSink*, gpointer self) { static_cast<CGraphVideoReader*>(self)->DeliverEnd(); };
         gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, this, nullptr);
-        if (!gst_element_link(convert, sink)) {
+        GstElement* flip = nullptr;
+        if (rotation != 0) {
+            flip = gst_element_factory_make("videoflip", nullptr);
+            if (!flip) {
+                *reason = "the source is rotated and the media framework's element \"videoflip\" is missing";
+                return nullptr;
+            }
+            gst_bin_add(bin, flip);
+            // 1: clockwise, 2: half turn, 3: counter-clockwise.
+            g_object_set(flip, "video-direction", rotation == 90 ? 1 : rotation == 180 ? 2 : 3, nullptr);
+        }
+        if (flip ? !gst_element_link_many(convert, flip, sink, nullptr) : !gst_element_link(convert, sink)) {
             *reason = "the decoded video cannot be converted to BGR";
             return nullptr;
         }
         gst_element_sync_state_with_parent(sink);
+        if (flip) gst_element_sync_state_with_parent(flip);
         gst_element_sync_state_with_parent(convert);
         appsink_ = sink;
         return convert;
@@ -84,10 +102,64 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
     height_ = header.biHeight < 0 ? -header.biHeight : header.biHeight;
     bits_ = header.biBitCount;
     hasAlpha_ = decodedAlpha_;
-    timePerFrame_ = timePerFrame;
+    graphTimePerFrame_ = timePerFrame;
     const std::int64_t ns = graph_->DurationNs();
-    duration_ = ns > 0 ? ns / 100 : 0;
+    graphDuration_ = ns > 0 ? ns / 100 : 0;
+    parNum_ = facts_.parNum;
+    parDen_ = facts_.parDen;
+    if (!facts_.known) {
+        gst::CapsPtr caps(gst_pad_get_current_caps(pin.get()));
+        GstVideoInfo info;
+        if (caps && gst_video_info_from_caps(&info, caps.get()) && GST_VIDEO_INFO_PAR_N(&info) > 0 &&
+            GST_VIDEO_INFO_PAR_D(&info) > 0) {
+            parNum_ = GST_VIDEO_INFO_PAR_N(&info);
+            parDen_ = GST_VIDEO_INFO_PAR_D(&info);
+        }
+    }
+    ComputeBudget();
     return true;
+}
+
+void CGraphVideoReader::SetConform(bool on)
+{
+    conformWanted_ = on;
+    if (graph_) ComputeBudget();
+}
+
+void CGraphVideoReader::SetConformRate(int num, int den)
+{
+    conformNum_ = num > 0 && den > 0 ? num : 0;
+    conformDen_ = num > 0 && den > 0 ? den : 0;
+    if (graph_) ComputeBudget();
+}
+
+void CGraphVideoReader::ComputeBudget()
+{
+    // The source's own time per frame: the graph's, else the one libavformat found.
+    std::int64_t own = graphTimePerFrame_;
+    if (own <= 0 && facts_.known && !facts_.variableRate && facts_.rateNum > 0)
+        own = (10'000'000LL * facts_.rateDen + facts_.rateNum / 2) / facts_.rateNum;
+    const std::int64_t given =
+        conformNum_ > 0 ? (10'000'000LL * conformDen_ + conformNum_ / 2) / conformNum_ : 0;
+    const bool irregular = facts_.known && (facts_.variableRate || own <= 0);
+    const std::int64_t grid = given > 0 ? given : own;
+    conforming_ = conformWanted_ && irregular && grid > 0 && facts_.span > 0;
+    if (conforming_) {
+        timePerFrame_ = grid;
+        slots_ = (facts_.span + grid / 2) / grid;
+        duration_ = slots_ * grid;
+        return;
+    }
+    slots_ = 0;
+    if (own <= 0) {
+        // The design's unknown-rate path: no budget can be given.
+        timePerFrame_ = 0;
+        duration_ = facts_.known && facts_.span > 0 ? facts_.span : graphDuration_;
+        return;
+    }
+    timePerFrame_ = own;
+    // Every frame delivered once: the budget is the frame count, where it can be counted.
+    duration_ = facts_.known && facts_.frames > 0 ? facts_.frames * own : graphDuration_;
 }
 
 GstPad* CGraphVideoReader::SinkPin() const
@@ -105,13 +177,70 @@ int CGraphVideoReader::Deliver(void* appsinkPtr)
     gst::SamplePtr sample(gst_app_sink_pull_sample(GST_APP_SINK(appsinkPtr)));
     if (!sample) return GST_FLOW_FLUSHING;
     if (stopRequested_) return GST_FLOW_EOS;
+    GstBuffer* buffer = gst_sample_get_buffer(sample.get());
+    if (!conforming_) {
+        std::int64_t time = -1;
+        if (buffer && GST_BUFFER_PTS_IS_VALID(buffer)) time = static_cast<std::int64_t>(GST_BUFFER_PTS(buffer) / 100);
+        return Emit(sample.get(), time, false);
+    }
+    // The grid slot nearest the frame's running time; time 0 is where the sound starts too.
+    std::int64_t slot = nextSlot_;
+    if (buffer && GST_BUFFER_PTS_IS_VALID(buffer)) {
+        const GstSegment* segment = gst_sample_get_segment(sample.get());
+        GstClockTime running = GST_BUFFER_PTS(buffer);
+        if (segment) running = gst_segment_to_running_time(segment, GST_FORMAT_TIME, running);
+        if (GST_CLOCK_TIME_IS_VALID(running)) {
+            const std::int64_t t = static_cast<std::int64_t>(running / 100);
+            slot = (t + timePerFrame_ / 2) / timePerFrame_;
+        }
+    }
+    int keep = GST_FLOW_OK;
+    if (held_) {
+        // The held frame stays on screen until this one's slot.
+        const std::int64_t until = std::min(slot, slots_);
+        if (until <= nextSlot_) {
+            ++dropped_;
+        } else {
+            for (std::int64_t k = nextSlot_; k < until && keep == GST_FLOW_OK; ++k)
+                keep = Emit(held_, k * timePerFrame_, k > nextSlot_);
+            nextSlot_ = until;
+        }
+        gst_sample_unref(held_);
+        held_ = nullptr;
+    }
+    held_ = sample.release();
+    return keep;
+}
 
+void CGraphVideoReader::DeliverEnd()
+{
+    struct Mark {
+        Mark() { gst::HandOver(); }
+        ~Mark() { gst::HandOver(); }
+    } const mark;
+    if (!held_) return;
+    if (!stopRequested_) {
+        if (nextSlot_ >= slots_) {
+            ++dropped_;
+        } else {
+            int keep = GST_FLOW_OK;
+            for (std::int64_t k = nextSlot_; k < slots_ && keep == GST_FLOW_OK; ++k)
+                keep = Emit(held_, k * timePerFrame_, k > nextSlot_);
+            nextSlot_ = slots_;
+        }
+    }
+    gst_sample_unref(held_);
+    held_ = nullptr;
+}
+
+int CGraphVideoReader::Emit(GstSample* sample, std::int64_t time, bool repeated)
+{
     VideoSample s;
     GstVideoInfo info;
-    GstBuffer* buffer = gst_sample_get_buffer(sample.get());
+    GstBuffer* buffer = gst_sample_get_buffer(sample);
     GstVideoFrame frame;
     std::unique_ptr<GstVideoFrame, FrameUnmap> mapped;
-    if (buffer && gst_video_info_from_caps(&info, gst_sample_get_caps(sample.get()))) {
+    if (buffer && gst_video_info_from_caps(&info, gst_sample_get_caps(sample))) {
         s.width = GST_VIDEO_INFO_WIDTH(&info);
         s.height = GST_VIDEO_INFO_HEIGHT(&info);
         s.bitsPerPixel = GST_VIDEO_INFO_COMP_PSTRIDE(&info, 0) * 8;
@@ -131,8 +260,10 @@ int CGraphVideoReader::Deliver(void* appsinkPtr)
                 s.data = repack_.data();
             }
         }
-        if (GST_BUFFER_PTS_IS_VALID(buffer)) s.time = static_cast<std::int64_t>(GST_BUFFER_PTS(buffer) / 100);
     }
+    s.time = time;
+    s.repeated = repeated;
+    if (repeated) ++repeated_;
     s.index = delivered_.fetch_add(1);
     IVideoFrameSink* sink = sink_.load();
     const int keep = sink ? sink->VideoCallback(s) : 1;
@@ -166,6 +297,8 @@ void CGraphVideoReader::Stop()
         graph_.reset();  // down to NULL: the streaming threads are joined here
         gst::HandOver();
     }
+    if (held_) gst_sample_unref(held_);
+    held_ = nullptr;
     appsink_ = nullptr;
     stopped_ = true;
 }
@@ -173,7 +306,10 @@ void CGraphVideoReader::Stop()
 bool CGraphVideoReader::Finished()
 {
     if (!graph_ || stopRequested_) return true;
-    return graph_->PollEnd();
+    if (graph_->PollEnd()) return true;
+    // GStreamer's GIF path never sends the end of the stream: once every frame the file
+    // holds has been delivered, it has nothing more to give.
+    return facts_.container == "gif" && !conforming_ && facts_.frames > 0 && delivered_.load() >= facts_.frames;
 }
 
 std::string CGraphVideoReader::Error() const
@@ -189,6 +325,16 @@ void CGraphVideoReader::Close()
 {
     graph_.reset();
     gst::HandOver();
+    if (held_) gst_sample_unref(held_);
+    held_ = nullptr;
+    nextSlot_ = 0;
+    repeated_ = 0;
+    dropped_ = 0;
+    facts_ = VideoFacts{};
+    graphTimePerFrame_ = graphDuration_ = 0;
+    parNum_ = parDen_ = 1;
+    conforming_ = false;
+    slots_ = 0;
     appsink_ = nullptr;
     width_ = height_ = bits_ = 0;
     hasAlpha_ = false;

@@ -3,6 +3,15 @@
 // 24-bit BGR rows padded to 4 bytes (a device-independent bitmap's rows, top-down) or, for a
 // source with alpha, 32-bit BGRA.
 //
+// Frame budget: Duration() / TimePerFrame() rounds to the number of frames the clip will get.
+// For a constant-rate source that is the source's true frame count (counted from the stream
+// where the container keeps no index). A variable-rate source is conformed by default: frames
+// are placed on a constant-rate grid by their timestamps, repeated where the source holds a
+// frame longer and dropped where two fall on one grid slot, so the clip keeps the source's
+// length and stays with its sound; Duration() is then the source's length. A source whose rate
+// cannot be told (no rate stored, durations irregular) reports a TimePerFrame() of 0 unless a
+// conform rate was given. A source the container marks as rotated is delivered upright.
+//
 // Threads: everything but the sink runs on the owner's thread. The sink must not call back
 // into the reader; it stops the graph by returning 0.
 #pragma once
@@ -14,9 +23,11 @@
 #include <string>
 #include <vector>
 
+#include "graph/SourceFacts.h"
 #include "zubimport/Platform.h"
 
 typedef struct _GstPad GstPad;
+typedef struct _GstSample GstSample;
 
 namespace zub {
 
@@ -32,7 +43,9 @@ struct VideoSample {
     int bitsPerPixel = 0;                // 24 or 32
     std::ptrdiff_t stride = 0;           // bytes per row: width * bits / 8 rounded up to 4
     std::int64_t time = -1;              // presentation time in 100 ns units; -1 when unknown
+                                         // (conformed: the frame's place on the constant grid)
     std::int64_t index = 0;              // 0 for the first frame delivered
+    bool repeated = false;               // conformed: the same picture as the frame before
 };
 
 class IVideoFrameSink {
@@ -68,6 +81,33 @@ public:
     // The appsink's input pad (one reference for the caller) for CDSUtility's connection readers.
     GstPad* SinkPin() const;
 
+    // Frame durations of the source vary (known once the file is open).
+    bool IsVariableRate() const { return facts_.variableRate; }
+    // Conforming a variable-rate source to a constant rate (on by default); off delivers every
+    // frame once, as decoded, with the budget being the frame count. Set before Run().
+    void SetConform(bool on);
+    bool Conform() const { return conformWanted_; }
+    // The constant rate to conform to (the clip's rate, e.g. 30000/1001); 0/0, the default,
+    // conforms to the source's own nominal rate. Also lets a source of unknown rate be read
+    // at this rate. Set before Run().
+    void SetConformRate(int num, int den);
+    // True when this open source is being conformed (variable or unknown rate and a rate to
+    // conform to).
+    bool Conforming() const { return conforming_; }
+    // Counted while running: frames shown one more time to fill the grid, frames left out.
+    std::int64_t FramesRepeated() const { return repeated_.load(); }
+    std::int64_t FramesDropped() const { return dropped_.load(); }
+    // Frames the source holds; -1 when they cannot be counted.
+    std::int64_t SourceFrames() const { return facts_.frames; }
+    // Clockwise degrees the container asks for (0, 90, 180, 270); frames arrive turned already.
+    int Rotation() const { return facts_.rotation; }
+    // Pixel aspect ratio of the source (width : height of one pixel), 1:1 when not given.
+    int PixelAspectNum() const { return parNum_; }
+    int PixelAspectDen() const { return parDen_; }
+    // Start timecode "hh:mm:ss:ff" and reel name as the container records them; "" when none.
+    const std::string& Timecode() const { return facts_.timecode; }
+    const std::string& ReelName() const { return facts_.reel; }
+
     void SetFrameSink(IVideoFrameSink* sink) { sink_.store(sink); }
     bool Run(std::string* error = nullptr);
     // Stops decoding and joins the streaming threads. Not from inside the sink.
@@ -80,6 +120,9 @@ public:
 
 private:
     int Deliver(void* appsink);  // the streaming thread's part
+    void DeliverEnd();           // end of stream reached the sink: the held frame fills the rest
+    int Emit(GstSample* sample, std::int64_t time, bool repeated);
+    void ComputeBudget();
 
     std::unique_ptr<gst::DecodeGraph> graph_;
     std::string path_;
@@ -95,6 +138,18 @@ private:
     std::atomic<std::int64_t> delivered_{0};
     bool stopped_ = false;
     std::vector<std::uint8_t> repack_;  // streaming thread only
+
+    VideoFacts facts_;
+    std::int64_t graphTimePerFrame_ = 0, graphDuration_ = 0;  // what the graph itself says
+    int parNum_ = 1, parDen_ = 1;
+    bool conformWanted_ = true;
+    int conformNum_ = 0, conformDen_ = 0;
+    bool conforming_ = false;
+    std::int64_t slots_ = 0;  // conformed: frames the clip gets
+    // Streaming thread only while conforming: the frame waiting for the next one's time.
+    GstSample* held_ = nullptr;
+    std::int64_t nextSlot_ = 0;
+    std::atomic<std::int64_t> repeated_{0}, dropped_{0};
 
 };
 

@@ -6,10 +6,12 @@ set -euo pipefail
 packages=(
   # toolchain
   g++ cmake ninja-build pkg-config clang libclang-rt-14-dev
-  # media: FFmpeg 5.1 libraries, GStreamer 1.22 with the plugins the graph route needs
+  # media: FFmpeg 5.1 libraries, GStreamer 1.22 with the plugins the graph route needs (ugly
+  # for the ASF/WMV demuxer and the MPEG program stream parts the others lack)
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav
+  gstreamer1.0-plugins-ugly
   gstreamer1.0-tools
   # stills, JPEG fields, dialogs, profiles, command line
   libopenimageio-dev libturbojpeg0-dev qt6-base-dev libsimpleini-dev libcli11-dev
