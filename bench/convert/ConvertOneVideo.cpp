@@ -1,0 +1,39 @@
+// bench_convert_video_one SOURCE VOLUME: one headless conversion of SOURCE's picture into a
+// compressed 720x486 clip at 3 MB/s, bicubic, on a substitute volume, as its own process so
+// its peak memory can be read alone. Exits 0 when the conversion ended with code 1.
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "device/RecorderDevice.h"
+#include "imgseq/ImageFitting.h"
+#include "zubimport/ConvertDlg.h"
+#include "zubimport/ImportSettings.h"
+#include "zubimport/Prompt.h"
+
+int main(int argc, char** argv)
+{
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: %s SOURCE VOLUME/\n", argv[0]);
+        return 2;
+    }
+    using namespace zub;
+    SetPrompter(std::make_shared<StderrPrompt>());
+    if (!TheRecorder().OpenDeviceWithInfo(1, 0, 0)) {
+        std::fprintf(stderr, "%s\n", CRecorderDevice::GetError().c_str());
+        return 1;
+    }
+    ImportSettings& s = CurrentSettings();
+    s.videoDir = argv[2];
+    s.audioDir = argv[2];
+    s.videoDataRate = 3 * 1024 * 1024;
+    s.fitWord = MakeFitWord(kFitStretchAll, kAreaNormal, kResizeBiCubic);
+    s.showImagesOnOutput = 0;
+    CConvertDlg dlg(argv[1]);
+    dlg.SetBatchProcess(1);
+    dlg.SetStrSettings("bench|1,0,0");
+    const int code = dlg.Modal();
+    std::printf("%u frames in %.3f s\n", dlg.GetReport().framesDone, dlg.GetReport().seconds);
+    TheRecorder().CloseDevice();
+    return code == 1 ? 0 : 1;
+}
