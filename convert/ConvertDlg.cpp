@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QEventLoop>
 
+#include <atomic>
 #include <cstdio>
 #include <mutex>
 
@@ -22,7 +23,16 @@ std::mutex& SessionMutex()
     return m;
 }
 
+std::atomic<ConvertDialogRunner>& Runner()
+{
+    static std::atomic<ConvertDialogRunner> runner{nullptr};
+    return runner;
+}
+
 }  // namespace
+
+void RegisterConvertDialogRunner(ConvertDialogRunner runner) { Runner().store(runner); }
+ConvertDialogRunner RegisteredConvertDialogRunner() { return Runner().load(); }
 
 CConvertDlg::CConvertDlg(std::string sourcePath, int serverMode)
     : source_(std::move(sourcePath)), serverMode_(serverMode)
@@ -31,7 +41,7 @@ CConvertDlg::CConvertDlg(std::string sourcePath, int serverMode)
 
 CConvertDlg::~CConvertDlg() = default;
 
-int CConvertDlg::Modal(void*)
+int CConvertDlg::Modal(void* parent)
 {
     report_ = ConvertReport{};
     videoPath_.clear();
@@ -41,26 +51,33 @@ int CConvertDlg::Modal(void*)
     // A host without an application object (a command-line tool, the batch import, a test)
     // still gets an event loop for the conversion's timers and posted messages.
     std::unique_ptr<QCoreApplication> ownApp;
+    ConvertDialogRunner runner = nullptr;
     if (!QCoreApplication::instance()) {
         static int argc = 1;
         static char name[] = "libImport";
         static char* argv[] = {name, nullptr};
         ownApp = std::make_unique<QCoreApplication>(argc, argv);
     } else if (QCoreApplication::instance()->inherits("QApplication")) {
-        std::fprintf(stderr, "libImport: the Media Conversion dialog is not built yet; converting without a window\n");
+        runner = RegisteredConvertDialogRunner();
+        if (!runner)
+            std::fprintf(stderr, "libImport: the Media Conversion dialog is not loaded; converting without a window\n");
     }
 
     int code = 2;
     {
         ConvertSession session(*this);
         QEventLoop loop;
-        session.onEnd = [&loop](int) { loop.exit(); };
-        session.SetHeadless(true);
         {
             std::lock_guard<std::mutex> lock(SessionMutex());
             session_ = &session;
         }
-        if (session.Init()) {
+        if (runner) {
+            runner(session, parent);
+        } else {
+            session.onEnd = [&loop](int) { loop.exit(); };
+            session.SetHeadless(true);
+        }
+        if (!runner && session.Init()) {
             // Without a window nobody presses Convert: the default button is pressed for the
             // user, as the batch mode does.
             if (!batchProcess_) session.Post(kEvPressConvert);

@@ -99,6 +99,8 @@ unsigned FrameBudget(std::int64_t duration, std::int64_t timePerFrame)
 
 ConvertSession::ConvertSession(CConvertDlg& owner) : dlg_(owner) {}
 
+bool ConvertSession::AlphaPageWanted() const { return dlg_.alphaPage_ != 0; }
+
 ConvertSession::~ConvertSession()
 {
     StopGraphs();

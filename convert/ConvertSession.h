@@ -90,6 +90,9 @@ public:
     void SetHeadless(bool on) { headless_ = on; }
 
     bool Ended() const { return ended_; }
+    // The switches the host set (settings-only, alpha page, batch ...).
+    const CConvertDlg& Owner() const { return dlg_; }
+    bool AlphaPageWanted() const;
     int EndCode() const { return endCode_; }
     const ConvertViewState& View() const { return view_; }
 
@@ -198,5 +201,11 @@ private:
     std::vector<std::uint8_t> alphaBuffer_;
     std::vector<std::uint8_t> sampleBitmap_;  // streaming thread only
 };
+
+// The dialog layer (a part of its own, with widgets) registers how it shows a session; Modal
+// uses it while a widgets application runs. The runner returns once the session has ended.
+using ConvertDialogRunner = void (*)(ConvertSession& session, void* parent);
+void RegisterConvertDialogRunner(ConvertDialogRunner runner);
+ConvertDialogRunner RegisteredConvertDialogRunner();
 
 }  // namespace zub
