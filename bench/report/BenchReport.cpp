@@ -1,7 +1,7 @@
 // bench_report --bin DIR --rows FILE --json OUT [--min-time SECONDS]
 //
 // Runs every benchmark the rows file names, each in a process of its own (so its peak memory
-// is its own), reads the figures from Google Benchmark's JSON output, prints one table of ours
+// is its own), reads the figures from Google Benchmark's JSON report, prints one table of ours
 // against each peer and writes the same as JSON. A binary that is not in DIR gives "not built"
 // in its rows; a benchmark the binary does not have, or one that failed, says so.
 #include <spawn.h>
@@ -20,6 +20,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -162,15 +163,33 @@ private:
             return raw;
         }
         std::fprintf(stderr, "running %s %s\n", binary.c_str(), bench.c_str());
-        std::vector<std::string> args = {path, "--benchmark_format=json", "--benchmark_filter=^" + RegexEscape(bench) + "$"};
+        // The report goes to a file of its own, so whatever the benchmark or the programs it
+        // starts print on standard output cannot get into the JSON.
+        std::string outPath = (std::filesystem::temp_directory_path() / "bench-report-XXXXXX").string();
+        const int fd = mkstemp(outPath.data());
+        if (fd < 0) {
+            raw.status = "cannot make a temporary file";
+            return raw;
+        }
+        close(fd);
+        std::vector<std::string> args = {path, "--benchmark_out_format=json", std::string("--benchmark_out=") + outPath,
+                                         "--benchmark_filter=^" + RegexEscape(bench) + "$"};
         if (!minTime_.empty()) args.push_back("--benchmark_min_time=" + minTime_);
-        std::string out;
-        const int status = RunCapture(args, out, &raw.maxrssKiB);
-        // The JSON document is the whole of standard output; anything a benchmark printed
-        // before it (set-up chatter) is skipped.
-        const auto brace = out.find('{');
-        if (brace != std::string::npos) raw.doc = QJsonDocument::fromJson(QByteArray::fromStdString(out.substr(brace)));
-        raw.status = status != 0 || !raw.doc.isObject() ? "failed (exit " + std::to_string(status) + ")" : "ok";
+        std::string console;
+        const int status = RunCapture(args, console, &raw.maxrssKiB);
+        QFile file(QString::fromStdString(outPath));
+        const QByteArray json = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        unlink(outPath.c_str());
+        QJsonParseError err{};
+        raw.doc = QJsonDocument::fromJson(json, &err);
+        if (status != 0)
+            raw.status = "failed (exit " + std::to_string(status) + ")";
+        else if (json.isEmpty())
+            raw.status = "no JSON output";
+        else if (!raw.doc.isObject())
+            raw.status = "bad JSON: " + err.errorString().toStdString() + " at " + std::to_string(err.offset);
+        else
+            raw.status = "ok";
         return raw;
     }
 
