@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# The main job on the default substitute recorder volume ($XDG_DATA_HOME/zubrecorder/volume,
-# or ZUBREC_VOLUME / the recorder's configuration file). The conversion, image sequence and
-# batch jobs are not built yet: this opens the recorder through the module the way a host
-# does and reports its standard, volume and free space, and says plainly that nothing was
-# imported.
+# The main job: `zubimport demo` on the recorder's configured volume (by default
+# $XDG_DATA_HOME/zubrecorder/volume/, or ZUBREC_VOLUME / the recorder's configuration file).
+# It makes demo media in a temporary folder, imports it with the conversion (with a .dva),
+# the image sequence import and a batch, reads every clip back with zubclip, writes a contact
+# sheet per clip and prints a table of what was made and where the sheets are.
 set -euo pipefail
 build=${1:-build}
 "$build/bin/zubimport" status
-echo "main job: the recorder opened and answered; the conversion, image sequence and batch jobs are not built yet, so nothing was imported."
+echo
+exec "$build/bin/zubimport" demo
