@@ -1,6 +1,7 @@
 #include "imgseq/FramePrefetch.h"
 
 #include <algorithm>
+#include <exception>
 
 namespace zub {
 
@@ -33,8 +34,14 @@ void FramePrefetch::Stop()
 LoadedFrame FramePrefetch::Load(std::size_t index) const
 {
     LoadedFrame f;
-    f.ok = LoadFrame(files_[index], options_.fitWord, options_.swap, options_.shift, options_.frameSize, f.frame,
-                     &f.error);
+    // Nothing may leave a worker thread: a failure is this frame's load failure.
+    try {
+        f.ok = LoadFrame(files_[index], options_.fitWord, options_.swap, options_.shift, options_.frameSize, f.frame,
+                         &f.error);
+    } catch (const std::exception& e) {
+        f.ok = false;
+        f.error = files_[index] + ": " + e.what();
+    }
     if (!f.ok) f.frame.Release();
     return f;
 }
