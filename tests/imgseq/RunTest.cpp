@@ -465,3 +465,39 @@ TEST(ImgSeqRun, ShowImagesOnOutputPutsEachFrameOnTheMonitor)
               9);
     EXPECT_EQ(CurrentSettings().showImagesOnOutput, 1);
 }
+
+namespace {
+
+rec::ZubApi g_noAppInfo;
+std::int32_t RefuseAppInfo(std::int32_t, const char*, const std::uint8_t*)
+{
+    return rec::kZubIoError;
+}
+
+}  // namespace
+
+// A rate record that cannot be stored is told, and the clip is kept all the same.
+TEST(ImgSeqRun, AFailedRateRecordIsToldAndTheClipKept)
+{
+    Volume vol;
+    ASSERT_TRUE(vol.Opened());
+    UsualSettings();
+    const auto files = MakeStills(vol.ImageDir(), "norate", "tga", 3);
+    const rec::ZubApi* real = ZubBackend();
+    ASSERT_NE(real, nullptr);
+    g_noAppInfo = *real;
+    g_noAppInfo.ZubDdrSetFileAppInfo = &RefuseAppInfo;
+    struct Restore {
+        ~Restore() { SetZubBackendForTesting(nullptr); }
+    } restore;
+    SetZubBackendForTesting(&g_noAppInfo);
+    Answers answers;
+    ImgSeqRunRequest req;
+    req.files = files;
+    const ImgSeqRunResult r = RunImageSequence(req);
+    SetZubBackendForTesting(nullptr);
+    EXPECT_EQ(r.endCode, 1);
+    EXPECT_EQ(answers.Texts(), std::vector<std::string>{"Failed to store video rate in file"});
+    EXPECT_EQ(FramesReadable(r.clipPath), 3);
+    EXPECT_EQ(RateSectors(r.clipPath), -1);  // zubclip finds no ZUBV record
+}
