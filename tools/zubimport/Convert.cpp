@@ -101,6 +101,7 @@ int RunConvert(const ConvertArgs& a)
     });
 
     int code = 0;
+    int interrupts = 0;
     {
         InterruptWatch watch([&dlg] { dlg.PressAbort(); },
                              [&dlg, prompt] {
@@ -111,6 +112,8 @@ int RunConvert(const ConvertArgs& a)
                                  dlg.PressAbort();
                              });
         code = dlg.Modal(nullptr);
+        prompt->Close();
+        interrupts = watch.Count();
     }
     progress.Finish();
     const zub::ConvertReport& r = dlg.GetReport();
@@ -121,9 +124,19 @@ int RunConvert(const ConvertArgs& a)
 
     JobReport report;
     report.source = fs::absolute(a.source).string();
+    bool discarded = r.discarded;
+    if (interrupts >= 2 && !discarded) {
+        // The second Ctrl-C came after the first abort had already kept the files: discard
+        // them now, as the user asked.
+        std::error_code ec;
+        for (const std::string& f : {r.videoPath, r.audioPath})
+            if (!f.empty()) fs::remove(f, ec);
+        discarded = true;
+        code = 2;
+    }
     report.endCode = code;
-    report.result = r.discarded ? "discarded" : (code == 1 && r.converted ? "done" : "nothing");
-    if (!r.discarded) {
+    report.result = discarded ? "discarded" : (code == 1 && r.converted ? "done" : "nothing");
+    if (!discarded) {
         report.videoPath = r.videoPath;
         report.audioPath = r.audioPath;
     }

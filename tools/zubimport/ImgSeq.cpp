@@ -127,6 +127,7 @@ int RunImgSeq(const ImgSeqArgs& a)
 
     const auto start = std::chrono::steady_clock::now();
     zub::ImgSeqRunResult result;
+    int interrupts = 0;
     {
         InterruptWatch watch(
             [&abort] {
@@ -143,6 +144,14 @@ int RunImgSeq(const ImgSeqArgs& a)
             });
         result = zub::RunImageSequence(request);
         prompt->Close();
+        interrupts = watch.Count();
+    }
+    if (interrupts >= 2 && result.endCode == 1 && !result.clipPath.empty()) {
+        // A second Ctrl-C that came after the run had kept its clip: discard it now.
+        std::error_code ec;
+        fs::remove(result.clipPath, ec);
+        result.endCode = 2;
+        abort = -1;
     }
     progress.Finish();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
