@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "RecorderBackends.h"
-#include "RecorderDevice.h"
+#include "device/RecorderBackends.h"
+#include "device/RecorderDevice.h"
 #include "Tool.h"
 #include "imgseq/ImageFitting.h"
 #include "imgseq/ImagingLibrary.h"

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "RecorderBackends.h"
-#include "RecorderDevice.h"
+#include "device/RecorderBackends.h"
+#include "device/RecorderDevice.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 #include "Tool.h"
