@@ -5,6 +5,7 @@
 #include <QTimerEvent>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
@@ -23,6 +24,7 @@ namespace {
 
 constexpr int kTimerPeriodMs = 1000;
 constexpr int kScrollDelayMs = 200;
+constexpr int kEndPollMs = 50;
 
 // The messages of the conversion, as the user reads them.
 constexpr const char* kFiltersMissing = "ZUB Direct Show Filters are not properly installed";
@@ -104,6 +106,7 @@ bool ConvertSession::AlphaPageWanted() const { return dlg_.alphaPage_ != 0; }
 ConvertSession::~ConvertSession()
 {
     StopGraphs();
+    StopPipeline();
     if (qtAudio_) qtAudio_->Finish(true);
     TheRecorder().ReleaseItem(videoItem_);
     TheRecorder().ReleaseItem(alphaItem_);
@@ -140,7 +143,8 @@ void ConvertSession::End(int code)
     endCode_ = code;
     if (timer10_) killTimer(timer10_);
     if (timer2000_) killTimer(timer2000_);
-    timer10_ = timer2000_ = 0;
+    if (endPoll_) killTimer(endPoll_);
+    timer10_ = timer2000_ = endPoll_ = 0;
     view_.converting = false;
     ReportProgress();
     if (onEnd) onEnd(code);
@@ -536,6 +540,23 @@ void ConvertSession::OnConvert()
         videoDone_ = 0;
         budgetReached_ = 0;
         if (graphVideo_) {
+            accepted_ = 0;
+            if (!dlg_.serverMode_ && !sourceAlpha_) {
+                // A plain scale takes the decoder's planes: the source is opened again for them.
+                planar_ = !std::getenv("ZUBIMPORT_CONVERT_PACKED") &&
+                          PlainScalePlacement(sourceWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
+                if (planar_) {
+                    graphVideo_->SetPlanarOutput(true);
+                    std::string why;
+                    if (!graphVideo_->OpenVideo(dlg_.source_, &why) || graphVideo_->Width() != sourceWidth_ ||
+                        graphVideo_->Height() != sourceHeight_) {
+                        planar_ = false;
+                        graphVideo_->SetPlanarOutput(false);
+                        graphVideo_->OpenVideo(dlg_.source_, &why);
+                    }
+                }
+                StartPipeline();
+            }
             graphVideo_->SetFrameSink(this);
             std::string why;
             if (!graphVideo_->Run(&why)) {
@@ -587,6 +608,7 @@ void ConvertSession::OnConvert()
     view_.closeLabel = "&Abort";
     view_.converting = true;
     timer10_ = startTimer(kTimerPeriodMs);
+    endPoll_ = startTimer(kEndPollMs);
     startTick_ = std::chrono::steady_clock::now();
     Changed();
     ReportProgress();
@@ -619,64 +641,196 @@ int ConvertSession::VideoCallback(const VideoSample& sample)
     if (graphVideo_ && (dlg_.serverMode_ || sourceAlpha_)) return ServerVideoCallback(sample);
     if (!graphVideo_ || errorFlag_) return 0;
     if (pendingAbort_) return 1;
-    if (!sample.data) {
+    if (!sample.data || (!sample.planar && sample.bitsPerPixel != 24 && sample.bitsPerPixel != 32)) {
         errorFlag_ = 1;
         Post(kEvConvertError);
         return 0;
     }
-    callbackBusy_ = 1;
-    bool taken = true;
-    if (sample.bitsPerPixel == 24) {
-        taken = TakeSample24(sample.data, sample.stride, sample.width, sample.height);
-    } else if (sample.bitsPerPixel == 32) {
-        if (working_.Width() != sample.width || working_.Height() != sample.height || working_.BitsPerPixel() != 32)
-            taken = working_.Allocate(sample.width, sample.height, 32, false);
-        for (int y = 0; taken && y < sample.height; ++y)
-            std::memcpy(working_.Row(y), sample.data + sample.stride * y, static_cast<std::size_t>(sample.width) * 4);
-    }
-    int result = 0;
-    if (!taken) {
-        errorFlag_ = 1;
-        Post(kEvConvertError);
-    } else {
-        result = VideoCompressFrame();
-    }
-    callbackBusy_ = 0;
-    if (pendingAbort_) Post(kEvConvertAbort);
-    return result;
-}
-
-int ConvertSession::VideoCompressFrame()
-{
-    if (errorFlag_) return 0;
-    const unsigned done = framesDone_.load();
-    if (done >= totalFrames_) {
+    // A frame past the budget is not taken: the budget flag stops the graph.
+    if (accepted_.load() >= totalFrames_) {
         budgetReached_ = 1;
         Post(kEvStopVideo);
         return 1;
     }
 
-    // The working image is fitted in a copy: the next frame overwrites the working image anyway,
-    // and the fitting resizes in place.
-    Image fitted;
-    std::string why;
-    bool ok = fitted.Allocate(working_.Width(), working_.Height(), 32, false);
-    if (ok) {
-        for (int y = 0; y < working_.Height(); ++y)
-            std::memcpy(fitted.Row(y), working_.Row(y), static_cast<std::size_t>(working_.Width()) * 4);
-        ok = PrepareImage(fitted, fitWord_, swap_, shift_, frame_, &why) && PackFrame(fitted, holder_, &why);
+    std::unique_ptr<FrameJob> job;
+    {
+        std::unique_lock<std::mutex> lock(pipeMutex_);
+        pipeCv_.wait(lock, [&] { return inFlight_ < kPipelineDepth || stopWorkers_ || errorFlag_.load(); });
+        if (stopWorkers_ || errorFlag_) return 0;
+        ++inFlight_;
+        callbackBusy_ = 1;
+        if (!spare_.empty()) {
+            job = std::move(spare_.front());
+            spare_.pop_front();
+        }
     }
-    if (!ok) {
-        errorFlag_ = 1;
-        Post(kEvConvertError);
-        return 0;
+    if (!job) job = std::make_unique<FrameJob>();
+
+    if (sample.planar) {
+        // Converted and scaled in one pass straight into the frame: no fitting step left.
+        std::string why;
+        if (!scaler_.Scale(sample, placement_, SplitFitWord(fitWord_).method, frame_, job->holder, &why)) {
+            errorFlag_ = 1;
+            Post(kEvConvertError);
+            FinishJob(std::move(job));
+            return 0;
+        }
+        job->index = accepted_.fetch_add(1);
+        {
+            std::lock_guard<std::mutex> lock(pipeMutex_);
+            toImport_.push_back(std::move(job));
+        }
+        pipeCv_.notify_all();
+        return errorFlag_ ? 0 : 1;
     }
 
+    // The 24-bit rows carry the bitmap padding to 4 bytes; 32-bit rows are copied as they are.
+    bool taken = true;
+    Image& img = job->image;
+    if (img.Width() != sample.width || img.Height() != sample.height || img.BitsPerPixel() != 32)
+        taken = img.Allocate(sample.width, sample.height, 32, false);
+    if (taken && sample.bitsPerPixel == 24) {
+        const int padding = (4 - (sample.width * 3) % 4) % 4;
+        const std::ptrdiff_t step = sample.stride ? sample.stride : static_cast<std::ptrdiff_t>(sample.width) * 3 + padding;
+        for (int y = 0; y < sample.height; ++y) {
+            const std::uint8_t* src = sample.data + step * y;
+            std::uint8_t* d = img.Row(y);
+            for (int x = 0; x < sample.width; ++x, src += 3, d += 4) {
+                d[0] = src[0];
+                d[1] = src[1];
+                d[2] = src[2];
+                d[3] = 255;
+            }
+        }
+    } else if (taken) {
+        for (int y = 0; y < sample.height; ++y)
+            std::memcpy(img.Row(y), sample.data + sample.stride * y, static_cast<std::size_t>(sample.width) * 4);
+    }
+    if (!taken) {
+        errorFlag_ = 1;
+        Post(kEvConvertError);
+        FinishJob(std::move(job));
+        return 0;
+    }
+    job->index = accepted_.fetch_add(1);
+    {
+        std::lock_guard<std::mutex> lock(pipeMutex_);
+        toFit_.push_back(std::move(job));
+    }
+    pipeCv_.notify_all();
+    return errorFlag_ ? 0 : 1;
+}
+
+void ConvertSession::StartPipeline()
+{
+    if (pipelineRunning_) return;
+    stopWorkers_ = false;
+    pipelineRunning_ = true;
+    fitThread_ = std::thread([this] { FitWorker(); });
+    importThread_ = std::thread([this] { ImportWorker(); });
+}
+
+void ConvertSession::StopPipeline()
+{
+    if (!pipelineRunning_) return;
+    {
+        std::lock_guard<std::mutex> lock(pipeMutex_);
+        stopWorkers_ = true;
+    }
+    pipeCv_.notify_all();
+    fitThread_.join();
+    importThread_.join();
+    pipelineRunning_ = false;
+    toFit_.clear();
+    toImport_.clear();
+    inFlight_ = 0;
+    callbackBusy_ = 0;
+}
+
+bool ConvertSession::PipelineIdle()
+{
+    std::lock_guard<std::mutex> lock(pipeMutex_);
+    return inFlight_ == 0;
+}
+
+void ConvertSession::WaitPipelineIdle()
+{
+    if (!pipelineRunning_) return;
+    std::unique_lock<std::mutex> lock(pipeMutex_);
+    pipeCv_.wait(lock, [&] { return inFlight_ == 0; });
+}
+
+// A job leaves the pipeline: its buffers are kept for the next frame, and an abort that waited
+// for the frames in flight is carried out now.
+void ConvertSession::FinishJob(std::unique_ptr<FrameJob> job)
+{
+    bool idle = false;
+    {
+        std::lock_guard<std::mutex> lock(pipeMutex_);
+        spare_.push_back(std::move(job));
+        idle = --inFlight_ == 0;
+        if (idle) callbackBusy_ = 0;
+    }
+    pipeCv_.notify_all();
+    if (idle && pendingAbort_) Post(kEvConvertAbort);
+}
+
+void ConvertSession::FitWorker()
+{
+    for (;;) {
+        std::unique_ptr<FrameJob> job;
+        {
+            std::unique_lock<std::mutex> lock(pipeMutex_);
+            pipeCv_.wait(lock, [&] { return !toFit_.empty() || stopWorkers_; });
+            if (toFit_.empty()) return;
+            job = std::move(toFit_.front());
+            toFit_.pop_front();
+        }
+        if (errorFlag_ || !FitAndPack(job->image, job->holder)) {
+            FinishJob(std::move(job));
+            continue;
+        }
+        {
+            std::lock_guard<std::mutex> lock(pipeMutex_);
+            toImport_.push_back(std::move(job));
+        }
+        pipeCv_.notify_all();
+    }
+}
+
+void ConvertSession::ImportWorker()
+{
+    for (;;) {
+        std::unique_ptr<FrameJob> job;
+        {
+            std::unique_lock<std::mutex> lock(pipeMutex_);
+            pipeCv_.wait(lock, [&] { return !toImport_.empty() || (stopWorkers_ && toFit_.empty()); });
+            if (toImport_.empty()) return;
+            job = std::move(toImport_.front());
+            toImport_.pop_front();
+        }
+        if (!errorFlag_) ImportPacked(job->holder, job->index);
+        FinishJob(std::move(job));
+    }
+}
+
+bool ConvertSession::FitAndPack(Image& image, FrameHolder& holder)
+{
+    std::string why;
+    if (PrepareImage(image, fitWord_, swap_, shift_, frame_, &why) && PackFrame(image, holder, &why)) return true;
+    errorFlag_ = 1;
+    Post(kEvConvertError);
+    return false;
+}
+
+int ConvertSession::ImportPacked(const FrameHolder& holder, unsigned index)
+{
     FrameImport f;
     f.videoItem = videoItem_;
     f.alphaItem = alphaItem_;
-    f.frame = static_cast<std::int32_t>(done);
-    f.data = holder_.Block();
+    f.frame = static_cast<std::int32_t>(index);
+    f.data = holder.Block();
     f.source = FrameSource::Pipeline;
     f.videoRate = videoRate_;
     f.alphaRate = alphaRate_;
@@ -690,9 +844,24 @@ int ConvertSession::VideoCompressFrame()
         Post(kEvConvertError);
         return 0;
     }
-    if (isZub_ && showImages_.load()) rec.ShowImage(holder_.Block(), FrameSource::Pipeline, videoUncompressed_ != 0, videoRate_);
+    if (isZub_ && showImages_.load()) rec.ShowImage(holder.Block(), FrameSource::Pipeline, videoUncompressed_ != 0, videoRate_);
     framesDone_.fetch_add(1);
     return 1;
+}
+
+// The movie route's frame, on the dialog thread: the working image is fitted in place (the
+// next frame refills it) and imported at once.
+int ConvertSession::VideoCompressFrame()
+{
+    if (errorFlag_) return 0;
+    const unsigned done = framesDone_.load();
+    if (done >= totalFrames_) {
+        budgetReached_ = 1;
+        Post(kEvStopVideo);
+        return 1;
+    }
+    if (!FitAndPack(working_, holder_)) return 0;
+    return ImportPacked(holder_, done);
 }
 
 // The sample as a device-independent bitmap: 32- and 24-bit rows bottom-up under a positive
@@ -866,11 +1035,23 @@ void ConvertSession::timerEvent(QTimerEvent* event)
         return;
     }
     if (event->timerId() == timer10_) CompletionStep();
+    // A conversion whose streams have all ended finishes now rather than at the next tick.
+    if (event->timerId() == endPoll_ && timer10_ && StreamsDone()) CompletionStep();
+}
+
+bool ConvertSession::StreamsDone()
+{
+    const bool video = !convertVideo_ || videoDone_ ||
+                       (graphVideo_ ? graphVideo_->Finished() && PipelineIdle() : qtVideoFinished_ != 0);
+    const bool audio = !convertAudio_ || audioDone_ ||
+                       (qtAudio_ ? qtAudioFinished_ != 0 : graphAudio_ ? graphAudio_->Finished() : true);
+    return video && audio;
 }
 
 void ConvertSession::StopVideoGraph()
 {
     if (graphVideo_) graphVideo_->Stop();
+    WaitPipelineIdle();  // the frames in flight finish (or are dropped after an error) first
 }
 
 void ConvertSession::StopGraphs()
@@ -905,7 +1086,7 @@ void ConvertSession::CompletionStep()
 
     if (convertVideo_ && !videoDone_) {
         view_.videoProgress = framesDone_.load();
-        const bool done = graphVideo_ ? graphVideo_->Finished() : qtVideoFinished_ != 0;
+        const bool done = graphVideo_ ? graphVideo_->Finished() && PipelineIdle() : qtVideoFinished_ != 0;
         if (done || abortRequested_ || errorFlag_ || budgetReached_) {
             if (done) view_.videoProgress = view_.videoRange;
             StopVideoGraph();
@@ -954,7 +1135,8 @@ void ConvertSession::CompletionStep()
 
     // Finish.
     if (timer10_) killTimer(timer10_);
-    timer10_ = 0;
+    if (endPoll_) killTimer(endPoll_);
+    timer10_ = endPoll_ = 0;
     if (running) StopGraphs();  // an abort or error with a stream still open
     if (qtAudio_ && !qtAudioFinished_) {
         qtAudio_->Finish(true);

@@ -14,12 +14,17 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "convert/FrameScaler.h"
 #include "graph/GraphVideoReader.h"
 #include "imgseq/ImageFitting.h"
 #include "zubimport/ConvertDlg.h"
@@ -122,6 +127,23 @@ protected:
 private:
     int ServerVideoCallback(const VideoSample& sample);
     bool TakeSample24(const std::uint8_t* rows, std::ptrdiff_t stride, int width, int height);
+    bool FitAndPack(Image& image, FrameHolder& holder);
+    int ImportPacked(const FrameHolder& holder, unsigned index);
+
+    // The graph route's frames go through two workers, fitting and importing, so decoding,
+    // scaling and compressing overlap on separate cores; one worker per stage keeps the order.
+    struct FrameJob {
+        Image image;
+        FrameHolder holder;
+        unsigned index = 0;
+    };
+    void StartPipeline();
+    void StopPipeline();
+    void WaitPipelineIdle();
+    bool PipelineIdle();
+    void FitWorker();
+    void ImportWorker();
+    void FinishJob(std::unique_ptr<FrameJob> job);
     void End(int code);
     void UpdateTargets();
     bool FormTarget(const std::string& dir, const char* ext, std::string& path);
@@ -137,6 +159,7 @@ private:
     void OnConvertAbort();
     void Changed();
     void ReportProgress();
+    bool StreamsDone();
     void WriteDva();
 
     // Messages: every one is recorded for the report; `always` ones are shown in batch mode too.
@@ -189,6 +212,7 @@ private:
     std::atomic<int> callbackBusy_{0}, pendingAbort_{0};
     int inActionTimer_ = 0, errorPending_ = 0;
     int timer10_ = 0, timer2000_ = 0;
+    int endPoll_ = 0;  // notices the end of the streams between two ticks
     bool convertPosted_ = false;
     bool headless_ = false;
     std::chrono::steady_clock::time_point startTick_{};
@@ -200,6 +224,19 @@ private:
     std::vector<std::uint8_t> serverBuffer_;
     std::vector<std::uint8_t> alphaBuffer_;
     std::vector<std::uint8_t> sampleBitmap_;  // streaming thread only
+
+    static constexpr int kPipelineDepth = 4;  // frames in flight at most: bounds the memory
+    std::mutex pipeMutex_;
+    std::condition_variable pipeCv_;
+    std::deque<std::unique_ptr<FrameJob>> toFit_, toImport_, spare_;
+    int inFlight_ = 0;
+    bool stopWorkers_ = false;
+    bool pipelineRunning_ = false;
+    std::thread fitThread_, importThread_;
+    std::atomic<unsigned> accepted_{0};
+    bool planar_ = false;                // the fast path: planes scaled straight into the frame
+    ScaledPlacement placement_{};
+    PlanarFrameScaler scaler_;           // streaming thread only
 };
 
 // The dialog layer (a part of its own, with widgets) registers how it shows a session; Modal

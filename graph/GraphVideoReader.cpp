@@ -61,7 +61,8 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
         }
         // The colour conversion costs more than the decoding: spread it over every core.
         g_object_set(convert, "n-threads", 0u, nullptr);
-        gst::CapsPtr want(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, alpha ? "BGRA" : "BGR", nullptr));
+        const char* format = alpha ? "BGRA" : (planarWanted_ ? "I420" : "BGR");
+        gst::CapsPtr want(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, format, nullptr));
         // Frames go out as fast as they decode: no clock, no preroll copy kept.
         g_object_set(sink, "caps", want.get(), "sync", FALSE, "enable-last-sample", FALSE, "qos", FALSE, nullptr);
         GstAppSinkCallbacks callbacks{};
@@ -100,7 +101,7 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
         return fail(path + ": the decoded video has no usable format");
     width_ = header.biWidth;
     height_ = header.biHeight < 0 ? -header.biHeight : header.biHeight;
-    bits_ = header.biBitCount;
+    bits_ = (planarWanted_ && !decodedAlpha_) ? 24 : header.biBitCount;
     hasAlpha_ = decodedAlpha_;
     graphTimePerFrame_ = timePerFrame;
     const std::int64_t ns = graph_->DurationNs();
@@ -240,7 +241,23 @@ int CGraphVideoReader::Emit(GstSample* sample, std::int64_t time, bool repeated)
     GstBuffer* buffer = gst_sample_get_buffer(sample);
     GstVideoFrame frame;
     std::unique_ptr<GstVideoFrame, FrameUnmap> mapped;
-    if (buffer && gst_video_info_from_caps(&info, gst_sample_get_caps(sample))) {
+    if (buffer && gst_video_info_from_caps(&info, gst_sample_get_caps(sample)) &&
+        GST_VIDEO_INFO_FORMAT(&info) == GST_VIDEO_FORMAT_I420) {
+        s.width = GST_VIDEO_INFO_WIDTH(&info);
+        s.height = GST_VIDEO_INFO_HEIGHT(&info);
+        s.bitsPerPixel = 12;
+        s.planar = true;
+        if (gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ)) {
+            mapped.reset(&frame);
+            for (int p = 0; p < 3; ++p) {
+                s.plane[p] = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, p));
+                s.planeStride[p] = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, p);
+            }
+            s.data = s.plane[0];
+            s.stride = s.planeStride[0];
+            s.size = static_cast<std::size_t>(GST_VIDEO_FRAME_SIZE(&frame));
+        }
+    } else if (buffer && gst_video_info_from_caps(&info, gst_sample_get_caps(sample))) {
         s.width = GST_VIDEO_INFO_WIDTH(&info);
         s.height = GST_VIDEO_INFO_HEIGHT(&info);
         s.bitsPerPixel = GST_VIDEO_INFO_COMP_PSTRIDE(&info, 0) * 8;

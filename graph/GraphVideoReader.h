@@ -46,6 +46,11 @@ struct VideoSample {
                                          // (conformed: the frame's place on the constant grid)
     std::int64_t index = 0;              // 0 for the first frame delivered
     bool repeated = false;               // conformed: the same picture as the frame before
+    // Planar delivery (SetPlanarOutput): the decoder's own 8-bit 4:2:0 planes Y, U, V, with
+    // `data` pointing at Y and bitsPerPixel 12.
+    bool planar = false;
+    const std::uint8_t* plane[3] = {nullptr, nullptr, nullptr};
+    std::ptrdiff_t planeStride[3] = {0, 0, 0};
 };
 
 class IVideoFrameSink {
@@ -67,6 +72,10 @@ public:
 
     // Starts the framework and checks that every element the reader needs is installed.
     bool Init(std::string* error = nullptr);
+    // From the next OpenVideo on, a source without alpha is delivered as 8-bit 4:2:0 planes
+    // (as most decoders produce them, so nothing converts the full-size picture) instead of
+    // 24-bit rows. The format queries still describe the 24-bit picture.
+    void SetPlanarOutput(bool on) { planarWanted_ = on; }
     // Opens `path` for video and prerolls it: the format is known afterwards. False, with
     // "path: reason", for a file that is not media, has no video or cannot be decoded; no
     // streaming thread is left behind.
@@ -129,6 +138,7 @@ private:
     bool initialised_ = false;
     int width_ = 0, height_ = 0, bits_ = 0;
     bool hasAlpha_ = false;
+    bool planarWanted_ = false;
     std::int64_t timePerFrame_ = 0, duration_ = 0;
     std::atomic<void*> appsink_{nullptr};  // borrowed from the pipeline, set when the chain is built
     std::string error_;

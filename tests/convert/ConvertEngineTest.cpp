@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -16,6 +17,7 @@
 #include "TestMedia.h"
 #include "Tool.h"
 #include "convert/ConvertSession.h"
+#include "convert/FrameScaler.h"
 #include "device/RecorderBackends.h"
 #include "device/RecorderDevice.h"
 #include "zubimport/ConvertDlg.h"
@@ -369,7 +371,9 @@ TEST_F(ConvertTest, UnknownRateReservesTheFreeSpaceAndTheBudgetStopsTheGraph)
 
 TEST_F(ConvertTest, AbortYesLeavesNothingAndAbortNoKeepsWhatWasMade)
 {
+    setenv("ZUBREC_WRITE_DELAY", "20", 1);  // long enough to be still running at the first tick
     Open();
+    unsetenv("ZUBREC_WRITE_DELAY");
     gen::MediaSpec spec;
     ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
     spec.frames = 240;
@@ -535,4 +539,85 @@ TEST_F(ConvertTest, AbortDuringASlowFrameIsCarriedOutAfterIt)
     EXPECT_GE(info.framesVideo, 3) << info.text;
     EXPECT_LT(info.framesVideo, 60) << info.text;
     EXPECT_EQ(ReadNumbers(clip, vol / "slowpng"), Sequence(info.framesVideo));
+}
+
+TEST_F(ConvertTest, PlainScalePlacementMatchesTheFittingCode)
+{
+    // Where the fast path puts the picture must be where the fitting code puts it: fit a
+    // white picture and find its box, for every mode the fast path takes and a few shapes.
+    const FrameSize frame{720, 486};
+    const int modes[] = {kFitStretchAll, kFitAll, kFitHeight, kFitWidth, kFitStretchHeight, kFitStretchWidth,
+                         kFitCenter};
+    const int sizes[][2] = {{1920, 1080}, {320, 240}, {720, 486}, {640, 480}, {300, 1000}};
+    int taken = 0;
+    for (int area : {kAreaNormal, kAreaSafeTitle, kAreaSafeImage}) {
+        for (int mode : modes) {
+            for (const auto& sz : sizes) {
+                const std::int32_t word = MakeFitWord(mode, area, kResizeNearest);
+                ScaledPlacement p;
+                if (!PlainScalePlacement(sz[0], sz[1], word, false, false, frame, &p)) {
+                    EXPECT_TRUE(mode == kFitCenter || mode == kFitHeight || mode == kFitWidth ||
+                                mode == kFitStretchHeight || mode == kFitStretchWidth)
+                        << "mode " << mode << " " << sz[0] << "x" << sz[1];
+                    continue;
+                }
+                ++taken;
+                Image img;
+                ASSERT_TRUE(img.Allocate(sz[0], sz[1], 32));
+                for (int y = 0; y < sz[1]; ++y) std::memset(img.Row(y), 255, std::size_t(sz[0]) * 4);
+                std::string why;
+                ASSERT_TRUE(FitImage(img, word, frame, &why)) << why;
+                ASSERT_EQ(img.Width(), 720);
+                ASSERT_EQ(img.Height(), 486);
+                int left = 720, top = 486, right = -1, bottom = -1;
+                for (int y = 0; y < 486; ++y)
+                    for (int x = 0; x < 720; ++x)
+                        if (img.Row(y)[x * 4 + 3] == 255) {
+                            left = std::min(left, x);
+                            right = std::max(right, x);
+                            top = std::min(top, y);
+                            bottom = std::max(bottom, y);
+                        }
+                SCOPED_TRACE("mode " + std::to_string(mode) + " area " + std::to_string(area) + " " +
+                             std::to_string(sz[0]) + "x" + std::to_string(sz[1]));
+                EXPECT_EQ(left, p.left);
+                EXPECT_EQ(top, p.top);
+                EXPECT_EQ(right - left + 1, p.width);
+                EXPECT_EQ(bottom - top + 1, p.height);
+            }
+        }
+    }
+    EXPECT_GT(taken, 20);
+    EXPECT_FALSE(PlainScalePlacement(1920, 1080, MakeFitWord(kFitAll, kAreaNormal, 2), true, false, frame, nullptr));
+}
+
+TEST_F(ConvertTest, PlanarAndPackedFramePathsGiveTheSameClip)
+{
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.audio = gen::AudioCodec::None;
+    spec.frames = 12;
+    const std::string src = Make("paths.mp4", spec);
+    std::vector<std::string> firstFrame;
+    for (bool packed : {false, true}) {
+        SCOPED_TRACE(packed ? "packed" : "planar");
+        if (packed) setenv("ZUBIMPORT_CONVERT_PACKED", "1", 1);
+        const std::string name = packed ? "packed" : "planar";
+        CConvertDlg dlg(src);
+        dlg.SetStrSettings(name.c_str());
+        EXPECT_EQ(dlg.Modal(), 1);
+        unsetenv("ZUBIMPORT_CONVERT_PACKED");
+        const std::string clip = vol / ("video/" + name + ".zub");
+        EXPECT_EQ(ReadNumbers(clip, vol / ("png" + name)), Sequence(12));
+        firstFrame.push_back(Capture("ffmpeg -v error -i " + Sh(vol / ("png" + name + "/" + name + "-frame-000000.png")) +
+                                     " -f rawvideo -pix_fmt gray -"));
+    }
+    ASSERT_EQ(firstFrame[0].size(), 720u * 486u);
+    ASSERT_EQ(firstFrame[1].size(), firstFrame[0].size());
+    // Same picture within what two scalers and two colour conversions may differ by.
+    double diff = 0;
+    for (std::size_t i = 0; i < firstFrame[0].size(); ++i)
+        diff += std::abs(int(static_cast<unsigned char>(firstFrame[0][i])) - int(static_cast<unsigned char>(firstFrame[1][i])));
+    EXPECT_LT(diff / double(firstFrame[0].size()), 4.0);
 }

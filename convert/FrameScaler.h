@@ -1,0 +1,48 @@
+// The conversion's fast frame path: when the fit is a plain scale of the whole picture placed
+// in the frame, the decoder's own 4:2:0 planes are converted and scaled into the frame holder
+// in one libswscale pass, instead of a full-size colour conversion followed by a resize.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "graph/GraphVideoReader.h"
+#include "imgseq/ImageFitting.h"
+
+struct SwsContext;
+
+namespace zub {
+
+// Where a fitted picture lands: scaled to width x height with its top-left corner at
+// (left, top) of the frame, the rest of the frame empty.
+struct ScaledPlacement {
+    int width = 0, height = 0;
+    int left = 0, top = 0;
+};
+
+// True when fitting a w x h picture with this fit word is a plain scale that keeps all of the
+// picture (the stretch and fit modes without cropping); false for the crop modes, or when a
+// scaled side would be cut, or when swap or shift asks for field work.
+bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shift, FrameSize frame,
+                         ScaledPlacement* placement);
+
+class PlanarFrameScaler {
+public:
+    PlanarFrameScaler();
+    ~PlanarFrameScaler();
+    PlanarFrameScaler(const PlanarFrameScaler&) = delete;
+    PlanarFrameScaler& operator=(const PlanarFrameScaler&) = delete;
+
+    // Scales a planar sample into `holder` (frame size, bottom-up 32 bits, opaque picture on an
+    // empty canvas). method: 0 nearest, 1 bilinear, 2 bicubic.
+    bool Scale(const VideoSample& sample, const ScaledPlacement& placement, int method, FrameSize frame,
+               FrameHolder& holder, std::string* error);
+
+private:
+    SwsContext* ctx_ = nullptr;
+    std::vector<std::uint8_t> scaled_;
+};
+
+}  // namespace zub
