@@ -4,6 +4,10 @@
 
 #include <QApplication>
 #include <QCheckBox>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QMimeData>
+#include <QUrl>
 #include <QComboBox>
 #include <QDoubleSpinBox>
 #include <QLineEdit>
@@ -245,4 +249,24 @@ TEST(ImgSeqDialog, EntryShowsTheDialogAndTellsTheHostTheClip)
     EXPECT_EQ(g_heard, vol.ClipDir() + "gui.zub");
     EXPECT_EQ(FramesReadable(g_heard), 3);
     EXPECT_EQ(TheRecorder().handle, -1);
+}
+
+TEST(ImgSeqDialog, FilesDroppedOnTheDialogBecomeRows)
+{
+    App();
+    Volume vol;
+    ASSERT_TRUE(vol.Opened());
+    const auto files = MakeStills(vol.ImageDir(), "drop", "jpg", 2);
+    ImgSeqDlg dlg;
+    dlg.show();
+    QMimeData mime;
+    mime.setUrls({QUrl::fromLocalFile(QString::fromStdString(files[1])),
+                  QUrl::fromLocalFile(QString::fromStdString(files[0]))});
+    QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(&dlg, &enter);
+    EXPECT_TRUE(enter.isAccepted());
+    QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QCoreApplication::sendEvent(&dlg, &drop);
+    EXPECT_EQ(dlg.Files(), (std::vector<std::string>{files[1], files[0]}));
+    EXPECT_EQ(dlg.ClipName(), "drop");
 }
