@@ -3,6 +3,8 @@
 // and CDva, never taken from the engine's own word.
 #include <gtest/gtest.h>
 
+#include <QCoreApplication>
+
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -620,4 +622,33 @@ TEST_F(ConvertTest, PlanarAndPackedFramePathsGiveTheSameClip)
     for (std::size_t i = 0; i < firstFrame[0].size(); ++i)
         diff += std::abs(int(static_cast<unsigned char>(firstFrame[0][i])) - int(static_cast<unsigned char>(firstFrame[1][i])));
     EXPECT_LT(diff / double(firstFrame[0].size()), 4.0);
+}
+
+TEST_F(ConvertTest, CancelBeforeConvertClosesWithoutAQuestion)
+{
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.frames = 5;
+    const std::string src = Make("idle.mp4", spec);
+    int argc = 1;
+    char name[] = "test";
+    char* argv[] = {name, nullptr};
+    QCoreApplication app(argc, argv);
+    CConvertDlg dlg(src);
+    ConvertSession session(dlg);
+    ASSERT_TRUE(session.Init());
+    const ConvertViewState& v = session.View();
+    EXPECT_EQ(v.clipName, "idle");
+    EXPECT_TRUE(v.videoChecked && v.audioChecked && v.dvaEnabled);
+    EXPECT_EQ(v.fileNames, vol / "video/idle.zub" + "\r\n" + vol / "audio/idle.wav");
+    session.SetVideoChecked(false);
+    EXPECT_FALSE(session.View().dvaEnabled);
+    EXPECT_EQ(session.View().fileNames, vol / "audio/idle.wav");
+    session.SetAudioChecked(false);
+    EXPECT_FALSE(session.View().convertEnabled);
+    session.OnCancel();
+    EXPECT_TRUE(session.Ended());
+    EXPECT_EQ(session.EndCode(), 2);
+    EXPECT_TRUE(prompt->Texts().empty());
 }
