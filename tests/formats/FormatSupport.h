@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -76,6 +77,43 @@ inline std::int64_t FfmpegSoundFrames(const std::string& path)
     const std::string s =
         test::CaptureLine("ffmpeg -nostdin -v error -i '" + path + "' -map 0:a:0 -f s16le -ac 1 - | wc -c");
     return s.empty() ? -1 : std::atoll(s.c_str()) / 2;
+}
+
+// Marks the first track of an MP4/MOV as to be shown turned `clockwise` degrees (90, 180,
+// 270) by writing its header's display matrix, as phone cameras do. The ffmpeg tool of
+// Debian 12 no longer turns a "rotate" tag into the matrix, so the test writes it itself.
+inline bool SetTrackRotation(const std::string& path, int clockwise, std::string* why)
+{
+    std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+    std::vector<char> d((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    const std::string tag = "tkhd";
+    const auto at = std::search(d.begin(), d.end(), tag.begin(), tag.end());
+    if (at == d.end() || at - d.begin() < 4) {
+        *why = path + ": no track header";
+        return false;
+    }
+    const std::size_t box = static_cast<std::size_t>(at - d.begin()) - 4;
+    const std::size_t matrix = box + (d[box + 8] == 1 ? 60 : 48);
+    if (matrix + 36 > d.size()) {
+        *why = path + ": track header cut short";
+        return false;
+    }
+    // 16.16 fixed point a, b, c, d of the row-vector transform; turning clockwise by t is
+    // a = cos t, b = sin t, c = -sin t, d = cos t.
+    const int s = clockwise == 90 ? 1 : clockwise == 270 ? -1 : 0;
+    const int c = clockwise == 0 ? 1 : clockwise == 180 ? -1 : 0;
+    const std::int32_t m[9] = {c * 0x10000, s * 0x10000, 0, -s * 0x10000, c * 0x10000, 0, 0, 0, 0x40000000};
+    for (int i = 0; i < 9; ++i) {
+        const auto v = static_cast<std::uint32_t>(m[i]);
+        for (int b = 0; b < 4; ++b) d[matrix + static_cast<std::size_t>(i * 4 + b)] = static_cast<char>(v >> (24 - 8 * b));
+    }
+    f.seekp(0);
+    f.write(d.data(), static_cast<std::streamsize>(d.size()));
+    if (!f) {
+        *why = path + ": cannot be rewritten";
+        return false;
+    }
+    return true;
 }
 
 struct Wave {
