@@ -103,9 +103,10 @@ void BM_ConvertVideo(benchmark::State& state, const char* route)
     SetRecorderEnvironment(volume);
     const std::string src = s.paths[route];
     double ours = 0, mjpeg = 0, decode = 0;
+    long peak = 0;
     for (auto _ : state) {
         int rc = 0;
-        ours = Seconds([&] { return ConvertOne(src, volume, nullptr); }, &rc);
+        ours = Seconds([&] { return ConvertOne(src, volume, &peak); }, &rc);
         if (rc != 0) {
             state.SkipWithError("the conversion failed");
             return;
@@ -123,6 +124,7 @@ void BM_ConvertVideo(benchmark::State& state, const char* route)
     state.counters["ffmpeg_decode_fps"] = frames / decode;
     state.counters["vs_mjpeg"] = mjpeg / ours;
     state.counters["vs_decode"] = decode / ours;
+    state.counters["peak_MiB"] = peak / 1024.0;
 }
 
 void BM_ConvertPeakMemory(benchmark::State& state)
