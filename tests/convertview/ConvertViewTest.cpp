@@ -154,6 +154,14 @@ TEST_F(ConvertViewTest, CancelAndEscapeBeforeConvertCloseWithoutAQuestion)
         EXPECT_EQ(s.session.EndCode(), 2);
         EXPECT_FALSE(s.view.isVisible());
     }
+    {
+        Shown s(src);
+        ASSERT_TRUE(s.ok);
+        s.view.close();  // the window's close box
+        EXPECT_TRUE(s.session.Ended());
+        EXPECT_EQ(s.session.EndCode(), 2);
+        EXPECT_FALSE(s.view.isVisible());
+    }
     EXPECT_TRUE(prompt->Texts().empty()) << ::testing::PrintToString(prompt->Texts());
     EXPECT_TRUE(Listing(vol.Path() / "run").empty());
 }
