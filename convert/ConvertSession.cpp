@@ -152,6 +152,9 @@ void ConvertSession::End(int code)
 
 void ConvertSession::Post(int type, int w, int h)
 {
+    // Qt's queue lock is invisible to ThreadSanitizer; this one orders the event's
+    // construction here before its reading in customEvent.
+    std::lock_guard<std::mutex> lock(postMutex_);
     QCoreApplication::postEvent(this, new SizedEvent(type, w, h));
 }
 
@@ -1190,6 +1193,7 @@ void ConvertSession::CompletionStep()
 
 void ConvertSession::customEvent(QEvent* event)
 {
+    { std::lock_guard<std::mutex> lock(postMutex_); }
     const int type = static_cast<int>(event->type()) - static_cast<int>(QEvent::User);
     const auto* sized = dynamic_cast<SizedEvent*>(event);
     switch (type) {

@@ -226,6 +226,7 @@ private:
     std::vector<std::uint8_t> sampleBitmap_;  // streaming thread only
 
     static constexpr int kPipelineDepth = 4;  // frames in flight at most: bounds the memory
+    std::mutex postMutex_;  // makes the event hand-over from the streaming thread visible to race checkers
     std::mutex pipeMutex_;
     std::condition_variable pipeCv_;
     std::deque<std::unique_ptr<FrameJob>> toFit_, toImport_, spare_;

@@ -85,8 +85,17 @@ struct Trim {
     int rate = 0;
 };
 
+// The trim is filled on the thread that builds the chain, read by the probe on a streaming
+// thread and freed on the owner's thread once the graph is down. GStreamer's own locks order
+// all three but race detectors cannot see them: each side passes through the hand-over lock.
+struct HandOverScope {
+    HandOverScope() { gst::HandOver(); }
+    ~HandOverScope() { gst::HandOver(); }
+};
+
 GstPadProbeReturn TrimProbe(GstPad* pad, GstPadProbeInfo* info, gpointer data)
 {
+    HandOverScope ordered;
     Trim* trim = static_cast<std::shared_ptr<Trim>*>(data)->get();
     if (trim->frameBytes <= 0) return GST_PAD_PROBE_OK;
     if (info->type & GST_PAD_PROBE_TYPE_BUFFER) {
@@ -235,9 +244,13 @@ bool CGraphAudioReader::Start(const std::string& wavePath, std::string* error)
         if (facts.known && facts.samples >= 0 && facts.rate > 0)
             trim->limit = facts.rate == rate ? facts.samples : facts.samples * rate / facts.rate;
         gst::Ref<GstPad> out(gst_element_get_static_pad(chain[1], "src"));
+        gst::HandOver();
         gst_pad_add_probe(out.get(), static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
                           TrimProbe, new std::shared_ptr<Trim>(trim),
-                          [](gpointer p) { delete static_cast<std::shared_ptr<Trim>*>(p); });
+                          [](gpointer p) {
+                              gst::HandOver();
+                              delete static_cast<std::shared_ptr<Trim>*>(p);
+                          });
         for (int i = 3; i >= 0; --i) gst_element_sync_state_with_parent(chain[i]);
         return chain[0];
     };

@@ -13,7 +13,10 @@ __attribute__((used)) const char* __asan_default_options() { return "fast_unwind
 __attribute__((used)) const char* __lsan_default_suppressions() { return "leak:_dl_init\n"; }
 __attribute__((used)) const char* __tsan_default_suppressions()
 {
-    return "called_from_lib:libglib-2.0.so.0\n"
+    // glibc's loader frees a finished thread's dynamic TLS block (thread-locals of a library
+    // opened with dlopen, such as the recorder's) without a lock the detector knows.
+    return "race:_dl_deallocate_tls\n"
+           "called_from_lib:libglib-2.0.so.0\n"
            "called_from_lib:libgobject-2.0.so.0\n"
            "called_from_lib:libgstreamer-1.0.so.0\n"
            "called_from_lib:libgstbase-1.0.so.0\n"
