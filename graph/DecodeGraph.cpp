@@ -1,6 +1,7 @@
 #include "DecodeGraph.h"
 
 #include <cstring>
+#include <fstream>
 
 namespace zub::gst {
 namespace {
@@ -21,6 +22,19 @@ const char* MediaTypeOf(GstCaps* caps)
 {
     if (!caps || gst_caps_get_size(caps) == 0) return "";
     return gst_structure_get_name(gst_caps_get_structure(caps, 0));
+}
+
+// AIFF's parser, reading the file itself, starts pushing sound the moment it is activated,
+// before the decoder bin has blocked its always-present output: the first buffer then meets
+// an unlinked pad, the parser stops, and the bin keeps that error to itself, so the graph
+// never prerolls (about one open in two). Fed through a queue instead, the parser receives
+// data only after the bin has finished plugging it.
+bool NeedsPushedInput(const std::string& path)
+{
+    char head[12] = {};
+    std::ifstream in(path, std::ios::binary);
+    if (!in.read(head, sizeof head)) return false;
+    return std::memcmp(head, "FORM", 4) == 0 && (std::memcmp(head + 8, "AIFF", 4) == 0 || std::memcmp(head + 8, "AIFC", 4) == 0);
 }
 
 }  // namespace
@@ -75,7 +89,17 @@ bool DecodeGraph::Build(const std::string& path, StreamKind kind, ChainBuilder b
         return false;
     }
     g_object_set(src, "location", path.c_str(), nullptr);
-    if (!gst_element_link(src, dec)) {
+    GstElement* queue = nullptr;
+    if (NeedsPushedInput(path)) {
+        queue = gst_element_factory_make("queue", nullptr);
+        if (!queue) {
+            if (error) *error = path + ": the media framework's element \"queue\" is missing";
+            Shutdown();
+            return false;
+        }
+        gst_bin_add(GST_BIN(pipeline), queue);
+    }
+    if (queue ? !gst_element_link_many(src, queue, dec, nullptr) : !gst_element_link(src, dec)) {
         if (error) *error = path + ": cannot link the file source to the decoder";
         Shutdown();
         return false;

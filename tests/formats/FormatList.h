@@ -93,8 +93,8 @@ inline const std::vector<Format>& Formats()
         {"wav_mulaw", ".wav", false, "WAVE", "mu-law", kGraph, "pcm_mulaw", 0, 0, 0, 0, 2, 2, "-c:a pcm_mulaw", ""},
         {"mov_s24", ".mov", false, "QuickTime MOV", "PCM 24-bit", kGraph | kMovie, "pcm_s24be", 0, 0, 0, 0, 2, 2,
          "-c:a pcm_s24be", ""},
-        {"aiff", ".aiff", false, "AIFF", "PCM 16-bit", kNone, "pcm_s16be", 0, 0, 0, 0, 2, 2, "-c:a pcm_s16be",
-         "not dependable yet: the graph's WAVE writer sometimes stalls when the AIFF parser exposes its stream before its format is fixed"},
+        {"aiff", ".aiff", false, "AIFF", "PCM 16-bit", kGraph, "pcm_s16be", 0, 0, 0, 0, 2, 2, "-c:a pcm_s16be",
+         ""},
         {"wma", ".wma", false, "ASF", "WMA 2", kGraph, "wmav2", 0, 0, 0, 0, 2, 2, "-c:a wmav2", ""},
     };
     return list;
