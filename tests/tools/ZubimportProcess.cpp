@@ -22,9 +22,10 @@ namespace fs = std::filesystem;
 namespace zubtest {
 namespace {
 
-std::vector<char*> Argv(const std::vector<std::string>& args, std::vector<std::string>& store)
+std::vector<char*> Argv(const std::vector<std::string>& args, std::vector<std::string>& store,
+                        const std::vector<std::string>& launcher = {})
 {
-    store.clear();
+    store = launcher;
     store.push_back(ZUBIMPORT_BIN);
     store.insert(store.end(), args.begin(), args.end());
     std::vector<char*> argv;
@@ -104,15 +105,28 @@ ProcessResult HostSandbox::Run(const std::vector<std::string>& args, const std::
     return RunInterrupted(args, nullptr, 0, extra);
 }
 
+ProcessResult HostSandbox::RunUnder(const std::vector<std::string>& launcher, const std::vector<std::string>& args,
+                                    const std::map<std::string, std::string>& extra) const
+{
+    return Spawn(launcher, args, nullptr, 0, extra);
+}
+
 ProcessResult HostSandbox::RunInterrupted(const std::vector<std::string>& args,
                                           const std::function<bool(const std::string&)>& ready, int interrupts,
                                           const std::map<std::string, std::string>& extra) const
+{
+    return Spawn({}, args, ready, interrupts, extra);
+}
+
+ProcessResult HostSandbox::Spawn(const std::vector<std::string>& launcher, const std::vector<std::string>& args,
+                                 const std::function<bool(const std::string&)>& ready, int interrupts,
+                                 const std::map<std::string, std::string>& extra) const
 {
     static int serial = 0;
     const fs::path outFile = root_ / ("out" + std::to_string(++serial));
     const fs::path errFile = root_ / ("err" + std::to_string(serial));
     std::vector<std::string> store;
-    std::vector<char*> argv = Argv(args, store);
+    std::vector<char*> argv = Argv(args, store, launcher);
     const auto env = Env(extra);
     const pid_t pid = fork();
     if (pid == 0) {
@@ -124,7 +138,7 @@ ProcessResult HostSandbox::RunInterrupted(const std::vector<std::string>& args,
         dup2(out, 1);
         dup2(err, 2);
         setsid();  // no controlling terminal
-        execv(argv[0], argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     ProcessResult r;

@@ -33,6 +33,9 @@ public:
 
     // Runs zubimport with `args`, standard input empty (not a terminal).
     ProcessResult Run(const std::vector<std::string>& args, const std::map<std::string, std::string>& extra = {}) const;
+    // Runs `launcher` (for example xvfb-run -a) with zubimport and `args` after it.
+    ProcessResult RunUnder(const std::vector<std::string>& launcher, const std::vector<std::string>& args,
+                           const std::map<std::string, std::string>& extra = {}) const;
     // Same, and once `ready(err so far)` is true sends SIGINT `interrupts` times, 300 ms apart.
     ProcessResult RunInterrupted(const std::vector<std::string>& args, const std::function<bool(const std::string&)>& ready,
                                  int interrupts, const std::map<std::string, std::string>& extra = {}) const;
@@ -46,6 +49,9 @@ public:
                                 const std::map<std::string, std::string>& extra = {}) const;
 
 private:
+    ProcessResult Spawn(const std::vector<std::string>& launcher, const std::vector<std::string>& args,
+                        const std::function<bool(const std::string&)>& ready, int interrupts,
+                        const std::map<std::string, std::string>& extra) const;
     std::filesystem::path root_;
 };
 

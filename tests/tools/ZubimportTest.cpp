@@ -460,6 +460,59 @@ TEST_F(Zubimport, BatchWithAFailedRowIs2AndListsWork)
     EXPECT_EQ(box.Run({"batch", "--list", (box.Root() / "bad.zubbatch").string()}).exit, 1);
 }
 
+// ---- the desktop host, in a real window ------------------------------------------------------
+
+class ZubimportWindow : public Zubimport {
+protected:
+    void SetUp() override
+    {
+        if (std::system("command -v xvfb-run >/dev/null 2>&1") != 0) GTEST_SKIP() << "xvfb-run is not installed";
+    }
+    ProcessResult Gui(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), "gui");
+        return box.RunUnder({"timeout", "120", "xvfb-run", "-a", "-s", "-screen 0 1024x768x24"}, args, {{"QT_QPA_PLATFORM", "xcb"}});
+    }
+};
+
+bool IsPng(const fs::path& p)
+{
+    const std::string head = ReadFile(p).substr(0, 8);
+    return head == std::string("\x89PNG\r\n\x1a\n", 8);
+}
+
+TEST_F(ZubimportWindow, LauncherOpensIsDrawnAndCloses)
+{
+    const fs::path shot = box.Root() / "launcher.png";
+    const ProcessResult r = Gui({"--screenshot", shot.string(), "--close-after", "800"});
+    EXPECT_EQ(r.exit, 0) << r.err;
+    EXPECT_NE(r.err.find("screenshot of \"zubimport\""), std::string::npos) << r.err;
+    ASSERT_TRUE(fs::exists(shot)) << r.err;
+    EXPECT_TRUE(IsPng(shot));
+    EXPECT_GT(fs::file_size(shot), 2000u);
+}
+
+TEST_F(ZubimportWindow, BatchDialogOpensThroughTheEntryPoint)
+{
+    const fs::path shot = box.Root() / "batch.png";
+    const ProcessResult r = Gui({"batch", "--screenshot", shot.string(), "--close-after", "1500"});
+    EXPECT_EQ(r.exit, 2) << "closed with Cancel: nothing made. " << r.err;
+    EXPECT_NE(r.err.find("screenshot of \"Batch Import\""), std::string::npos) << r.err;
+    EXPECT_TRUE(IsPng(shot));
+    EXPECT_TRUE(fs::exists(box.SettingsFile())) << "the record's settings are kept after the dialog";
+}
+
+TEST_F(ZubimportWindow, ConvertDialogOpensThroughModalAndCancelMakesNothing)
+{
+    const std::string movie = Movie(10, "win.mov");
+    const fs::path shot = box.Root() / "convert.png";
+    const ProcessResult r = Gui({"convert", movie, "--screenshot", shot.string(), "--close-after", "2500"});
+    EXPECT_EQ(r.exit, 2) << r.err;
+    EXPECT_NE(r.err.find("screenshot of \"Media Conversion\""), std::string::npos) << r.err;
+    EXPECT_TRUE(IsPng(shot));
+    EXPECT_FALSE(fs::exists(box.Volume() / "win.zub"));
+}
+
 // ---- the main job ------------------------------------------------------------------------------
 
 TEST_F(Zubimport, DemoImportsEverythingAndDrawsSheets)
