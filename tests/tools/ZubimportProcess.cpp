@@ -1,4 +1,4 @@
-#include "ZubimportProcess.h"
+#include "tests/tools/ZubimportProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -10,7 +10,7 @@
 #include <fstream>
 
 #include "TestMedia.h"
-#include "ZubimportProcess.h"
+#include "tests/tools/ZubimportProcess.h"
 
 namespace fs = std::filesystem;
 namespace gen = zub::testmedia;
@@ -422,6 +422,25 @@ TEST_F(ZubimportImages, ProfileSavedAndLoaded)
     const ProcessResult r = box.Run({"imgseq", First(), "--name", "P2", "--profile", profile, "--batch", "--json"});
     ASSERT_EQ(r.exit, 0) << r.err;
     EXPECT_EQ(Json(r)["video"].toObject()["rate"].toInt(), -1);
+}
+
+TEST_F(ZubimportImages, InterruptKeepsThePartialClipOrDiscardsIt)
+{
+    Make(1, 40);
+    auto started = [](const std::string& err) { return err.find("/40 frames") != std::string::npos; };
+    const ProcessResult keep = box.RunInterrupted({"imgseq", First(), "--name", "Part", "--json"}, started, 1,
+                                                  {{"ZUBREC_WRITE_DELAY", "60"}});
+    EXPECT_EQ(keep.exit, 0) << keep.err;
+    EXPECT_NE(keep.err.find("Abort and discard video file ?"), std::string::npos) << keep.err;
+    const long frames = zubtest::ClipFrames((box.Volume() / "Part.zub").string());
+    EXPECT_GT(frames, 0);
+    EXPECT_LT(frames, 40);
+    EXPECT_EQ(Json(keep)["video"].toObject()["frames"].toInt(), frames);
+
+    const ProcessResult gone = box.RunInterrupted({"imgseq", First(), "--name", "Gone", "--on-abort", "discard"},
+                                                  started, 1, {{"ZUBREC_WRITE_DELAY", "60"}});
+    EXPECT_EQ(gone.exit, 2) << gone.err;
+    EXPECT_FALSE(fs::exists(box.Volume() / "Gone.zub"));
 }
 
 // ---- batch -----------------------------------------------------------------------------------
