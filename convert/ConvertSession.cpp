@@ -495,6 +495,17 @@ void ConvertSession::OnConvert()
             alphaRate_ = 0;
         }
 
+        // A variable-rate source is conformed to the clip's own rate, so the clip plays as long
+        // as the source and its sound.
+        if (graphVideo_ && graphVideo_->IsVariableRate() && graphVideo_->TimePerFrame() > 0) {
+            if (fixedFieldSize_) {
+                graphVideo_->SetConformRate(24, 1);
+            } else if (lines_ == 525) {
+                graphVideo_->SetConformRate(30000, 1001);
+            } else {
+                graphVideo_->SetConformRate(25, 1);
+            }
+        }
         if (graphVideo_ && graphVideo_->TimePerFrame() > 0) {
             totalFrames_ = FrameBudget(graphVideo_->Duration(), graphVideo_->TimePerFrame());
         } else if (qtVideo_) {

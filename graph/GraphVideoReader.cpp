@@ -1,13 +1,15 @@
-#include "GraphVideoReader.h"
+#include "graph/GraphVideoReader.h"
 
 #include <gst/app/gstappsink.h>
 #include <gst/video/video.h>
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
+#include <vector>
 
-#include "DecodeGraph.h"
-#include "GstSupport.h"
+#include "graph/DecodeGraph.h"
+#include "graph/GstSupport.h"
 #include "zubimport/DSUtility.h"
 
 namespace zub {
@@ -16,6 +18,31 @@ namespace {
 struct FrameUnmap {
     void operator()(GstVideoFrame* f) const { gst_video_frame_unmap(f); }
 };
+
+// GIF decoders hand out 32-bit pictures whether or not the file has a transparent colour,
+// and later frames' transparent pixels only let the previous picture show through; the
+// picture has see-through parts only when the first frame's graphic control block names a
+// transparent colour. False for anything unreadable: such a file is not decoded anyway.
+bool GifFirstFrameTransparent(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::vector<unsigned char> d(64 * 1024);
+    in.read(reinterpret_cast<char*>(d.data()), static_cast<std::streamsize>(d.size()));
+    d.resize(static_cast<std::size_t>(in.gcount()));
+    if (d.size() < 13 || std::memcmp(d.data(), "GIF8", 4) != 0) return false;
+    std::size_t at = 13;
+    if (d[10] & 0x80) at += 3u << ((d[10] & 7) + 1);  // global colour table
+    while (at < d.size()) {
+        if (d[at] == 0x2C || d[at] == 0x3B) return false;  // first image, or the end, reached
+        if (d[at] != 0x21 || at + 2 >= d.size()) return false;
+        const unsigned char label = d[at + 1];
+        if (label == 0xF9 && at + 3 < d.size() && d[at + 2] >= 4) return (d[at + 3] & 1) != 0;
+        at += 2;  // past the extension's introducer and label, then its sub-blocks
+        while (at < d.size() && d[at] != 0) at += d[at] + 1u;
+        ++at;
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -46,10 +73,11 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
     // the graph with the graph's own numbers.
     ReadVideoFacts(path, &facts_, nullptr);
     const int rotation = facts_.rotation;
+    const bool opaqueGif = facts_.known && facts_.codec == "gif" && !GifFirstFrameTransparent(path);
     graph_ = std::make_unique<gst::DecodeGraph>();
-    auto builder = [this, rotation](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
+    auto builder = [this, rotation, opaqueGif](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
         GstVideoInfo info;
-        const bool alpha = gst_video_info_from_caps(&info, decoded) && GST_VIDEO_INFO_HAS_ALPHA(&info);
+        const bool alpha = gst_video_info_from_caps(&info, decoded) && GST_VIDEO_INFO_HAS_ALPHA(&info) && !opaqueGif;
         decodedAlpha_ = alpha;
         GstElement* convert = gst_element_factory_make("videoconvert", nullptr);
         GstElement* sink = gst_element_factory_make("appsink", nullptr);

@@ -2,7 +2,7 @@
 // sound starting with the picture, variable frame rate, rotation, aspect and timecode.
 #include <gtest/gtest.h>
 
-#include "FormatSupport.h"
+#include "tests/formats/FormatSupport.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 
@@ -200,6 +200,37 @@ TEST(Rotation, RotatedSourceArrivesUpright)
             }
         }
         EXPECT_EQ(agree, total);
+    }
+}
+
+// GIF pictures decode as 32-bit whether or not they have see-through parts: only a GIF whose
+// first frame has a transparent colour is a source with alpha.
+TEST(Alpha, GifHasAlphaOnlyWithATransparentColour)
+{
+    test::TempDir dir;
+    const std::string opaque = dir / "opaque.gif";
+    const std::string clear = dir / "clear.gif";
+    ASSERT_EQ(Ffmpeg("-f lavfi -i testsrc2=size=64x64:rate=10:duration=1 -c:v gif '" + opaque + "'"), "");
+    ASSERT_EQ(Ffmpeg("-f lavfi -i \"color=c=red:s=64x64:r=10:d=1,format=rgba,geq=r='r(X,Y)':g='g(X,Y)':b='b(X,Y)':"
+                     "a='if(lt(X,32),0,255)'\" -vf \"split[a][b];[a]palettegen=reserve_transparent=1[p];"
+                     "[b][p]paletteuse=alpha_threshold=128\" -c:v gif '" + clear + "'"),
+              "");
+    std::string error;
+    for (const bool transparent : {false, true}) {
+        CGraphVideoReader reader;
+        ASSERT_TRUE(reader.OpenVideo(transparent ? clear : opaque, &error)) << error;
+        EXPECT_EQ(reader.HasAlpha(), transparent);
+        EXPECT_EQ(reader.BitsPerPixel(), transparent ? 32 : 24);
+        FrameCounter sink;
+        sink.keep = true;
+        ASSERT_TRUE(RunToEnd(reader, &sink, &error)) << error;
+        ASSERT_FALSE(sink.pictures.empty());
+        if (transparent) {
+            // Left half see-through, right half solid.
+            const auto& pic = sink.pictures[0];
+            EXPECT_LT(pic[static_cast<std::size_t>(10 * sink.strides[0] + 5 * 4 + 3)], 16);
+            EXPECT_GT(pic[static_cast<std::size_t>(10 * sink.strides[0] + 50 * 4 + 3)], 240);
+        }
     }
 }
 
