@@ -521,6 +521,15 @@ TEST_F(ZubimportWindow, BatchDialogOpensThroughTheEntryPoint)
     EXPECT_TRUE(fs::exists(box.SettingsFile())) << "the record's settings are kept after the dialog";
 }
 
+TEST_F(ZubimportWindow, ImageSequenceDialogOpensThroughTheEntryPoint)
+{
+    const fs::path shot = box.Root() / "imgseq.png";
+    const ProcessResult r = Gui({"imgseq", "--screenshot", shot.string(), "--close-after", "1500"});
+    EXPECT_EQ(r.exit, 2) << r.err;
+    EXPECT_NE(r.err.find("screenshot of \"Import Image Sequence\""), std::string::npos) << r.err;
+    EXPECT_TRUE(IsPng(shot));
+}
+
 TEST_F(ZubimportWindow, ConvertDialogOpensThroughModalAndCancelMakesNothing)
 {
     const std::string movie = Movie(10, "win.mov");
