@@ -5,7 +5,7 @@
 // frames in order from the first, and nothing damaged after it.
 #include <random>
 
-#include "Jobs.h"
+#include "tests/reliability/Jobs.h"
 
 using namespace zub;
 using namespace zub::rel;
@@ -54,9 +54,12 @@ std::string CheckTrial(const Outcome& o, const Volume& vol, bool keep, bool imgs
     }
     EXPECT_EQ(CheckReadable(clip), "") << o.Describe();
     const ClipRead r = ReadClip(clip);
-    EXPECT_GT(r.readable, 0) << r.text;
+    // An image sequence aborted with "keep" before its first frame keeps an empty clip.
+    EXPECT_GE(r.readable, imgseq && keep ? 0 : 1) << r.text;
     EXPECT_LE(r.readable, frames) << r.text;
-    EXPECT_EQ(ClipNumbers(clip, vol.Root() + "/png"), Sequence(r.readable)) << r.text;
+    if (r.readable > 0) {
+        EXPECT_EQ(ClipNumbers(clip, vol.Root() + "/png"), Sequence(r.readable)) << r.text;
+    }
     const bool whole = r.readable == frames;
     if (!whole) {
         // Kept partial: only an abort answered "keep" does that.
