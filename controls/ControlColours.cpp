@@ -1,4 +1,4 @@
-#include "ControlColours.h"
+#include "controls/ControlColours.h"
 
 namespace zub::controls {
 

@@ -1,4 +1,4 @@
-#include "MessageBoxPrompt.h"
+#include "controls/MessageBoxPrompt.h"
 
 #include <QApplication>
 #include <QMessageBox>

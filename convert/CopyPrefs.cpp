@@ -1,7 +1,7 @@
 // Hand-over of the conversion preferences between the host's record and the module: the
 // recorder is opened from the record's device values on the way in and stays open for the
 // conversion dialog; it is closed when the host takes the values back.
-#include "RecorderDevice.h"
+#include "device/RecorderDevice.h"
 #include "zubimport/ConvertDlg.h"
 #include "zubimport/ImportSettings.h"
 #include "zubimport/ModuleState.h"

@@ -1,4 +1,4 @@
-#include "DeleteOnFail.h"
+#include "dva/DeleteOnFail.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

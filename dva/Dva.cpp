@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "DvaChunk.h"
+#include "dva/DvaChunk.h"
 #include "zubimport/Dva.h"
 
 namespace zub {

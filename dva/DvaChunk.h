@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "DvaInternal.h"
+#include "dva/DvaInternal.h"
 #include "zubimport/Dva.h"
 
 namespace zub::dva {

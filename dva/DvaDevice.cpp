@@ -1,9 +1,9 @@
-#include "DvaDevice.h"
+#include "dva/DvaDevice.h"
 
 #include <cstdint>
 
-#include "DvaInternal.h"
-#include "RecorderDevice.h"
+#include "dva/DvaInternal.h"
+#include "device/RecorderDevice.h"
 #include "zubimport/Dva.h"
 
 namespace zub {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "MmioFile.h"
+#include "dva/MmioFile.h"
 #include "zubimport/Platform.h"
 
 namespace zub::dva {

@@ -1,4 +1,4 @@
-#include "MmioFile.h"
+#include "dva/MmioFile.h"
 
 #include <sys/stat.h>
 

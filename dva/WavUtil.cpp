@@ -8,8 +8,8 @@
 #include <memory>
 #include <vector>
 
-#include "DeleteOnFail.h"
-#include "DvaInternal.h"
+#include "dva/DeleteOnFail.h"
+#include "dva/DvaInternal.h"
 #include "zubimport/Dva.h"
 
 namespace zub {

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <string>
 
-#include "DvaChunk.h"
-#include "DvaDevice.h"
+#include "dva/DvaChunk.h"
+#include "dva/DvaDevice.h"
 #include "zubimport/Dva.h"
 
 namespace zub {

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <functional>
 
-#include "GstSupport.h"
+#include "graph/GstSupport.h"
 
 static_assert(sizeof(zub::REFGUID) == sizeof(GType), "an interface identifier is a GType");
 

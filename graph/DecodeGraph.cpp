@@ -1,4 +1,4 @@
-#include "DecodeGraph.h"
+#include "graph/DecodeGraph.h"
 
 #include <cstring>
 #include <fstream>

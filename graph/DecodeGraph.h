@@ -11,7 +11,7 @@
 #include <mutex>
 #include <string>
 
-#include "GstSupport.h"
+#include "graph/GstSupport.h"
 
 namespace zub::gst {
 

@@ -1,4 +1,4 @@
-#include "GraphAudioReader.h"
+#include "graph/GraphAudioReader.h"
 
 #include <gst/audio/audio.h>
 
@@ -6,8 +6,8 @@
 #include <atomic>
 #include <filesystem>
 
-#include "DecodeGraph.h"
-#include "GstSupport.h"
+#include "graph/DecodeGraph.h"
+#include "graph/GstSupport.h"
 
 namespace zub {
 

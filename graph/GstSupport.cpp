@@ -1,4 +1,4 @@
-#include "GstSupport.h"
+#include "graph/GstSupport.h"
 
 #include <mutex>
 

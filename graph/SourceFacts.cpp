@@ -1,4 +1,4 @@
-#include "SourceFacts.h"
+#include "graph/SourceFacts.h"
 
 #include <algorithm>
 #include <cmath>

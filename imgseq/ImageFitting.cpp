@@ -1,11 +1,11 @@
-#include "ImageFitting.h"
+#include "imgseq/ImageFitting.h"
 
 #include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <new>
 
-#include "ImagingLibrary.h"
+#include "imgseq/ImagingLibrary.h"
 #include "zubimport/Paths.h"
 
 namespace zub {

@@ -1,4 +1,4 @@
-#include "ImagingLibrary.h"
+#include "imgseq/ImagingLibrary.h"
 
 #include <dlfcn.h>
 

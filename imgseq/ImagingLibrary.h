@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "imaging/ImagingApi.h"
+#include "imgseq/imaging/ImagingApi.h"
 
 namespace zub {
 

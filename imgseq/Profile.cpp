@@ -1,4 +1,4 @@
-#include "Profile.h"
+#include "imgseq/Profile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,7 +14,7 @@
 #define SI_IMPLEMENTATION
 #include <SimpleIni.h>
 
-#include "SequenceNaming.h"
+#include "imgseq/SequenceNaming.h"
 #include "zubimport/Paths.h"
 #include "zubimport/Platform.h"
 

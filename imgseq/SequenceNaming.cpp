@@ -1,4 +1,4 @@
-#include "SequenceNaming.h"
+#include "imgseq/SequenceNaming.h"
 
 #include <sys/stat.h>
 

@@ -1,7 +1,7 @@
 #include <cstdio>
 
-#include "ControlColours.h"
-#include "MessageBoxPrompt.h"
+#include "controls/ControlColours.h"
+#include "controls/MessageBoxPrompt.h"
 #include "zubimport/Import.h"
 
 using namespace zub;

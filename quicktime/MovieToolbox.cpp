@@ -1,4 +1,4 @@
-#include "MovieToolbox.h"
+#include "quicktime/MovieToolbox.h"
 
 #include <sys/stat.h>
 #include <sys/xattr.h>

@@ -1,4 +1,4 @@
-#include "QuickTimeSource.h"
+#include "quicktime/QuickTimeSource.h"
 
 #include <algorithm>
 #include <cerrno>

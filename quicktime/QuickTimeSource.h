@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "DeleteOnFail.h"
-#include "MmioFile.h"
-#include "MovieToolbox.h"
-#include "SoundConverter.h"
+#include "dva/DeleteOnFail.h"
+#include "dva/MmioFile.h"
+#include "quicktime/MovieToolbox.h"
+#include "quicktime/SoundConverter.h"
 #include "zubimport/Platform.h"
 
 namespace zub {

@@ -1,4 +1,4 @@
-#include "SoundConverter.h"
+#include "quicktime/SoundConverter.h"
 
 #include <algorithm>
 #include <cstring>

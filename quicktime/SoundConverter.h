@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "MovieToolbox.h"
+#include "quicktime/MovieToolbox.h"
 
 namespace zub::qt {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "MmioFile.h"
+#include "dva/MmioFile.h"
 #include "zubimport/Dva.h"
 
 using namespace zub;

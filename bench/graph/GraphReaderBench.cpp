@@ -15,8 +15,8 @@
 #include <string>
 #include <thread>
 
-#include "GraphVideoReader.h"
-#include "GstSupport.h"
+#include "graph/GraphVideoReader.h"
+#include "graph/GstSupport.h"
 #include "TestMedia.h"
 
 extern char** environ;

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "QuickTimeSource.h"
+#include "quicktime/QuickTimeSource.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 

@@ -25,7 +25,7 @@
 // 63 of the 4- and 8-tap kernels, phase 32 of the 16- and 32-tap ones), solved linearly: with
 // the row sum s, h(d_j) - t_j * s = 0 is linear in the coefficients. Every published row is
 // reproduced exactly after rounding.
-#include "ResampleKernels.h"
+#include "convert/audio/ResampleKernels.h"
 
 #include <cmath>
 #include <numbers>

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "MmioFile.h"
+#include "dva/MmioFile.h"
 #include "zubimport/Dva.h"
 
 using namespace zub;

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "SoftimagePic.h"
+#include "imgseq/imaging/SoftimagePic.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "Profile.h"
+#include "imgseq/Profile.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

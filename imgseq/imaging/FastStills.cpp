@@ -1,4 +1,4 @@
-#include "FastStills.h"
+#include "imgseq/imaging/FastStills.h"
 
 #include <turbojpeg.h>
 

@@ -2,9 +2,9 @@
 // formats it knows; FFmpeg's image decoders read Sun raster and Alias PIX; raw 4:2:2 frames
 // and Softimage PIC (which OpenImageIO reads black when uncompressed) are read here.
 // Everything behind the C interface of ImagingApi.h.
-#include "FastStills.h"
-#include "ImagingApi.h"
-#include "SoftimagePic.h"
+#include "imgseq/imaging/FastStills.h"
+#include "imgseq/imaging/ImagingApi.h"
+#include "imgseq/imaging/SoftimagePic.h"
 
 #include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>

@@ -1,4 +1,4 @@
-#include "SoftimagePic.h"
+#include "imgseq/imaging/SoftimagePic.h"
 
 #include <cstdio>
 #include <vector>

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <set>
 
-#include "BatchRunSupport.h"
+#include "tests/batch/BatchRunSupport.h"
 #include "Tool.h"
 #include "batch/Companion.h"
 #include "batch/TypeFilter.h"

@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "BatchRunSupport.h"
+#include "tests/batch/BatchRunSupport.h"
 #include "Tool.h"
 #include "batch/Companion.h"
 #include "batch/MxfUnwrap.h"

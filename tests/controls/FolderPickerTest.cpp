@@ -6,7 +6,7 @@
 
 #include <filesystem>
 
-#include "GuiApp.h"
+#include "tests/controls/GuiApp.h"
 #include "TempDir.h"
 #include "controls/FolderPicker.h"
 

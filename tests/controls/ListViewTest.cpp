@@ -9,7 +9,7 @@
 
 #include <functional>
 
-#include "GuiApp.h"
+#include "tests/controls/GuiApp.h"
 #include "controls/ColumnListView.h"
 #include "controls/FamilyPalette.h"
 

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "GuiApp.h"
+#include "tests/controls/GuiApp.h"
 #include "controls/NumericEdit.h"
 #include "zubimport/Prompt.h"
 

@@ -3,7 +3,7 @@
 #include <QImage>
 #include <QTest>
 
-#include "GuiApp.h"
+#include "tests/controls/GuiApp.h"
 #include "controls/ProgressBar.h"
 
 using zub::controls::ProgressBar;

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <vector>
 
-#include "GuiApp.h"
+#include "tests/controls/GuiApp.h"
 #include "controls/BitmapButton.h"
 #include "controls/ColourBox.h"
 #include "controls/FamilyPalette.h"

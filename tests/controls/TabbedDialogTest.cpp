@@ -7,7 +7,7 @@
 #include <QTest>
 #include <QVBoxLayout>
 
-#include "GuiApp.h"
+#include "tests/controls/GuiApp.h"
 #include "controls/TabbedDialog.h"
 
 using namespace zub::controls;

@@ -2,7 +2,7 @@
 // Conversion dialog during a conversion, with its frame bar blue over the part done and its
 // count written on it, and the settings dialog its Settings button opens. The screenshots are
 // kept under the build folder for a person to look at.
-#include "ConvertViewSupport.h"
+#include "tests/convertview/ConvertViewSupport.h"
 
 #include <QCheckBox>
 #include <QDir>

@@ -14,7 +14,7 @@
 #include <set>
 #include <string>
 
-#include "GuiApp.h"
+#include "tests/controls/GuiApp.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 #include "Tool.h"

@@ -2,7 +2,7 @@
 // given): texts, object names and enable rules against the session it shows, the Settings
 // button's dialog, and whole conversions pressed through Convert and Abort, compared with the
 // same conversion run without a window.
-#include "ConvertViewSupport.h"
+#include "tests/convertview/ConvertViewSupport.h"
 
 #include <QCheckBox>
 #include <QComboBox>

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "FakeBackends.h"
+#include "tests/device/FakeBackends.h"
 #include "device/RecorderBackends.h"
 #include "device/RecorderDevice.h"
 #include "TempDir.h"

@@ -1,4 +1,4 @@
-#include "FakeBackends.h"
+#include "tests/device/FakeBackends.h"
 
 namespace zub::test {
 

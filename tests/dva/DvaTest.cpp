@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "TempDir.h"
-#include "WaveFiles.h"
+#include "tests/dva/WaveFiles.h"
 #include "zubimport/Dva.h"
 
 using namespace zub;

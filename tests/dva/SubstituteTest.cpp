@@ -6,10 +6,10 @@
 #include <cstring>
 #include <vector>
 
-#include "RecorderBackends.h"
-#include "RecorderDevice.h"
+#include "device/RecorderBackends.h"
+#include "device/RecorderDevice.h"
 #include "TempDir.h"
-#include "WaveFiles.h"
+#include "tests/dva/WaveFiles.h"
 #include "zubimport/Dva.h"
 #include "zubimport/Platform.h"
 

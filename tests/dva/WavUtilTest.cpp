@@ -4,10 +4,10 @@
 #include <csignal>
 #include <cstring>
 
-#include "MmioFile.h"
+#include "dva/MmioFile.h"
 #include "TempDir.h"
 #include "TestMedia.h"
-#include "WaveFiles.h"
+#include "tests/dva/WaveFiles.h"
 #include "zubimport/Dva.h"
 
 using namespace zub;

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "FormatList.h"
+#include "tests/formats/FormatList.h"
 #include "graph/GraphAudioReader.h"
 #include "graph/GraphVideoReader.h"
 #include "quicktime/QuickTimeSource.h"

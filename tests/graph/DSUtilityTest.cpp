@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "GstSupport.h"
+#include "graph/GstSupport.h"
 #include "zubimport/DSUtility.h"
 
 using zub::CDSUtility;

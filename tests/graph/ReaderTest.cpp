@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "GraphAudioReader.h"
-#include "GraphVideoReader.h"
+#include "graph/GraphAudioReader.h"
+#include "graph/GraphVideoReader.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 #include "Tool.h"

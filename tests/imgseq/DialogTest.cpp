@@ -20,7 +20,7 @@
 
 #include <cstdlib>
 
-#include "RunTestSupport.h"
+#include "tests/imgseq/RunTestSupport.h"
 #include "imgseq/ImageFitting.h"
 #include "imgseq/ImgSeqRun.h"
 #include "imgseq/Profile.h"

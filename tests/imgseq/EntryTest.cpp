@@ -2,7 +2,7 @@
 // rules, the host hears of the clip, and the settings come back in the record.
 #include <gtest/gtest.h>
 
-#include "RunTestSupport.h"
+#include "tests/imgseq/RunTestSupport.h"
 #include "imgseq/ImageFitting.h"
 #include "imgseq/StartImgSeq.h"
 #include "zubimport/Import.h"

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "RunTestSupport.h"
+#include "tests/imgseq/RunTestSupport.h"
 #include "imgseq/ImageFitting.h"
 
 using namespace zub;

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <set>
 
-#include "ImageFitting.h"
-#include "ImgseqTestSupport.h"
+#include "imgseq/ImageFitting.h"
+#include "tests/imgseq/ImgseqTestSupport.h"
 
 using namespace zub;
 using zub::test::Bgra;

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "ImageFitting.h"
-#include "ImgseqTestSupport.h"
+#include "imgseq/ImageFitting.h"
+#include "tests/imgseq/ImgseqTestSupport.h"
 #include "TempDir.h"
 
 using namespace zub;

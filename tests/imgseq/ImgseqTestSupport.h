@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "ImageFitting.h"
-#include "ImagingLibrary.h"
+#include "imgseq/ImageFitting.h"
+#include "imgseq/ImagingLibrary.h"
 #include "Tool.h"
 
 extern char** environ;

@@ -4,7 +4,7 @@
 #include <fstream>
 #include <set>
 
-#include "SequenceNaming.h"
+#include "imgseq/SequenceNaming.h"
 #include "TempDir.h"
 
 using namespace zub;

@@ -5,7 +5,7 @@
 #include <map>
 #include <sstream>
 
-#include "Profile.h"
+#include "imgseq/Profile.h"
 #include "TempDir.h"
 
 using namespace zub;

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "RunTestSupport.h"
+#include "tests/imgseq/RunTestSupport.h"
 #include "imgseq/ImgSeqRun.h"
 #include "imgseq/SequenceReport.h"
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "RunTestSupport.h"
+#include "tests/imgseq/RunTestSupport.h"
 #include "imgseq/ImageFitting.h"
 #include "imgseq/ImgSeqRun.h"
 #include "imgseq/SequenceNaming.h"

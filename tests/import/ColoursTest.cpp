@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "ControlColours.h"
+#include "controls/ControlColours.h"
 #include "zubimport/Import.h"
 
 using namespace zub;

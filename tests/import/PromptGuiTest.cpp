@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "MessageBoxPrompt.h"
+#include "controls/MessageBoxPrompt.h"
 #include "zubimport/Import.h"
 #include "zubimport/Prompt.h"
 

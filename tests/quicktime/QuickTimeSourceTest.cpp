@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "QuickTimeSource.h"
+#include "quicktime/QuickTimeSource.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 #include "Tool.h"

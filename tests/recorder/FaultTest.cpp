@@ -12,7 +12,7 @@
 #include "device/RecorderBackends.h"
 #include "device/RecorderDevice.h"
 #include "recorder/ClipFile.h"
-#include "RecorderTestSupport.h"
+#include "tests/recorder/RecorderTestSupport.h"
 #include "TempDir.h"
 
 using namespace zub;

@@ -15,7 +15,7 @@
 #include "device/RecorderAbi.h"
 #include "device/RecorderBackends.h"
 #include "device/RecorderDevice.h"
-#include "RecorderTestSupport.h"
+#include "tests/recorder/RecorderTestSupport.h"
 #include "TempDir.h"
 
 using namespace zub;

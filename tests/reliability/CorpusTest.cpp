@@ -4,7 +4,7 @@
 // the job does not keep, that the source is untouched and that whatever was kept reads back.
 #include <random>
 
-#include "Jobs.h"
+#include "tests/reliability/Jobs.h"
 
 using namespace zub;
 using namespace zub::rel;

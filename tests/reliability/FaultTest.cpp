@@ -2,7 +2,7 @@
 // frame, or one frame import fails. The conversion (graph and movie routes) asks its error
 // question and keeps or discards; the image sequence run asks its import question; a batch row
 // fails without a question and leaves nothing.
-#include "Jobs.h"
+#include "tests/reliability/Jobs.h"
 
 using namespace zub;
 using namespace zub::rel;

@@ -7,7 +7,7 @@
 #include <memory>
 #include <thread>
 
-#include "Harness.h"
+#include "tests/reliability/Harness.h"
 #include "batch/BatchRun.h"
 #include "device/RecorderDevice.h"
 #include "imgseq/ImageFitting.h"

@@ -1,7 +1,7 @@
 // Awkward names and awkward folders: names a shell would misread, letters beyond ASCII, a path
 // one short of the limit, files the job may not read, a target folder it may not write and one
 // removed under it. Each job runs in a child under a time limit.
-#include "Jobs.h"
+#include "tests/reliability/Jobs.h"
 
 using namespace zub;
 using namespace zub::rel;

@@ -10,7 +10,7 @@
 
 #include <map>
 
-#include "GuiApp.h"
+#include "tests/controls/GuiApp.h"
 #include "TempDir.h"
 #include "controls/ProgressBar.h"
 #include "settings/view/SettingsViews.h"

@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <memory>
 
-#include "GuiApp.h"
+#include "tests/controls/GuiApp.h"
 #include "TempDir.h"
 #include "controls/NumericEdit.h"
 #include "settings/view/SettingsViews.h"

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "ClipFile.h"
-#include "RecorderDevice.h"
+#include "recorder/ClipFile.h"
+#include "device/RecorderDevice.h"
 
 using namespace zub::rec;
 

@@ -4,9 +4,9 @@
 #include <filesystem>
 #include <memory>
 
-#include "Host.h"
-#include "Jobs.h"
-#include "RecorderDevice.h"
+#include "tools/zubimport/Host.h"
+#include "tools/zubimport/Jobs.h"
+#include "device/RecorderDevice.h"
 #include "batch/BatchList.h"
 #include "batch/BatchRun.h"
 #include "batch/TypeFilter.h"

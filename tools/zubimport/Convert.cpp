@@ -6,9 +6,9 @@
 #include <filesystem>
 #include <memory>
 
-#include "Host.h"
-#include "Jobs.h"
-#include "RecorderDevice.h"
+#include "tools/zubimport/Host.h"
+#include "tools/zubimport/Jobs.h"
+#include "device/RecorderDevice.h"
 #include "zubimport/ConvertDlg.h"
 #include "zubimport/ImportSettings.h"
 

@@ -17,9 +17,9 @@
 #include <memory>
 #include <regex>
 
-#include "Host.h"
-#include "Jobs.h"
-#include "RecorderDevice.h"
+#include "tools/zubimport/Host.h"
+#include "tools/zubimport/Jobs.h"
+#include "device/RecorderDevice.h"
 #include "TestMedia.h"
 #include "zubimport/ConvertDlg.h"
 #include "zubimport/ImportSettings.h"

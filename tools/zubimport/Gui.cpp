@@ -17,8 +17,8 @@
 #include <filesystem>
 #include <memory>
 
-#include "Host.h"
-#include "Jobs.h"
+#include "tools/zubimport/Host.h"
+#include "tools/zubimport/Jobs.h"
 #include "imgseq/StartImgSeq.h"
 #include "zubimport/ConvertDlg.h"
 #include "zubimport/Import.h"

@@ -1,4 +1,4 @@
-#include "Host.h"
+#include "tools/zubimport/Host.h"
 
 #define SI_NO_CONVERSION
 #define SI_IMPLEMENTATION

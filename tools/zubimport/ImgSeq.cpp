@@ -6,8 +6,8 @@
 #include <map>
 #include <memory>
 
-#include "Host.h"
-#include "Jobs.h"
+#include "tools/zubimport/Host.h"
+#include "tools/zubimport/Jobs.h"
 #include "imgseq/ImgSeqRun.h"
 #include "imgseq/Profile.h"
 #include "imgseq/SequenceNaming.h"

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <vector>
 
-#include "Host.h"
-#include "Jobs.h"
+#include "tools/zubimport/Host.h"
+#include "tools/zubimport/Jobs.h"
 
 #ifndef ZUBIMPORT_VERSION
 #define ZUBIMPORT_VERSION "0"

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <initializer_list>
 
-#include "ResampleKernels.h"
+#include "convert/audio/ResampleKernels.h"
 
 int main(int argc, char**)
 {

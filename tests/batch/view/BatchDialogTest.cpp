@@ -15,8 +15,8 @@
 
 #include <fstream>
 
-#include "BatchRunSupport.h"
-#include "GuiApp.h"
+#include "tests/batch/BatchRunSupport.h"
+#include "tests/controls/GuiApp.h"
 #include "TempDir.h"
 #include "batch/view/BatchImpDlg.h"
 #include "controls/ColumnListView.h"
