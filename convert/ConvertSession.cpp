@@ -289,9 +289,12 @@ bool ConvertSession::SetUpFramePath()
         sourceAlpha_ = false;
     }
     if (qtVideo_ || (!dlg_.serverMode_ && !sourceAlpha_)) {
-        if (!working_.Allocate(sourceWidth_, sourceHeight_, 32, false)) return false;
-        if (frame_.width <= 0 || frame_.height <= 0 || !holder_.Allocate(frame_.width, frame_.height)) return false;
-        return true;
+        // The frames in flight get their buffers as they come; one of each is had now so that
+        // a picture too large for memory is refused before anything is created.
+        Image probe;
+        FrameHolder holder;
+        return probe.Allocate(sourceWidth_, sourceHeight_, 32, false) && frame_.width > 0 && frame_.height > 0 &&
+               holder.Allocate(frame_.width, frame_.height);
     }
     // Server frames and frames with alpha go to the recorder as they come, in a buffer of the
     // source's own depth (server mode: 16-bit 4:2:2).
@@ -579,6 +582,8 @@ void ConvertSession::OnConvert()
                 Post(kEvConvertError);
             }
         } else {
+            accepted_ = 0;
+            StartPipeline();
             qtVideoFinished_ = 0;
             Post(kEvConvertFrame);
         }
@@ -630,30 +635,18 @@ void ConvertSession::OnConvert()
 
 // ---- the frame path ------------------------------------------------------------------
 
-bool ConvertSession::TakeSample24(const std::uint8_t* rows, std::ptrdiff_t stride, int width, int height)
-{
-    if (working_.Width() != width || working_.Height() != height || working_.BitsPerPixel() != 32) {
-        if (!working_.Allocate(width, height, 32, false)) return false;
-    }
-    const int padding = (4 - (width * 3) % 4) % 4;
-    const std::ptrdiff_t step = stride ? stride : static_cast<std::ptrdiff_t>(width) * 3 + padding;
-    for (int y = 0; y < height; ++y) {
-        const std::uint8_t* s = rows + step * y;
-        std::uint8_t* d = working_.Row(y);
-        for (int x = 0; x < width; ++x, s += 3, d += 4) {
-            d[0] = s[0];
-            d[1] = s[1];
-            d[2] = s[2];
-            d[3] = 255;
-        }
-    }
-    return true;
-}
-
 int ConvertSession::VideoCallback(const VideoSample& sample)
 {
     if (graphVideo_ && (dlg_.serverMode_ || sourceAlpha_)) return ServerVideoCallback(sample);
     if (!graphVideo_ || errorFlag_) return 0;
+    return TakeFrame(sample);
+}
+
+// Both routes' frames enter the pipeline here: the graph's on its streaming thread, the
+// movie's on the dialog thread.
+int ConvertSession::TakeFrame(const VideoSample& sample)
+{
+    if (errorFlag_) return 0;
     if (pendingAbort_) return 1;
     if (!sample.data || (!sample.planar && sample.bitsPerPixel != 24 && sample.bitsPerPixel != 32)) {
         errorFlag_ = 1;
@@ -863,21 +856,6 @@ int ConvertSession::ImportPacked(const FrameHolder& holder, unsigned index)
     return 1;
 }
 
-// The movie route's frame, on the dialog thread: the working image is fitted in place (the
-// next frame refills it) and imported at once.
-int ConvertSession::VideoCompressFrame()
-{
-    if (errorFlag_) return 0;
-    const unsigned done = framesDone_.load();
-    if (done >= totalFrames_) {
-        budgetReached_ = 1;
-        Post(kEvStopVideo);
-        return 1;
-    }
-    if (!FitAndPack(working_, holder_)) return 0;
-    return ImportPacked(holder_, done);
-}
-
 // The sample as a device-independent bitmap: 32- and 24-bit rows bottom-up under a positive
 // height, as the recorder reads such bitmaps; in server mode 16-bit 4:2:2 (top-down, the
 // recorder's own order for that format).
@@ -1056,7 +1034,7 @@ void ConvertSession::timerEvent(QTimerEvent* event)
 bool ConvertSession::StreamsDone()
 {
     const bool video = !convertVideo_ || videoDone_ ||
-                       (graphVideo_ ? graphVideo_->Finished() && PipelineIdle() : qtVideoFinished_ != 0);
+                       ((graphVideo_ ? graphVideo_->Finished() : qtVideoFinished_ != 0) && PipelineIdle());
     const bool audio = !convertAudio_ || audioDone_ ||
                        (qtAudio_ ? qtAudioFinished_ != 0 : graphAudio_ ? graphAudio_->Finished() : true);
     return video && audio;
@@ -1100,7 +1078,7 @@ void ConvertSession::CompletionStep()
 
     if (convertVideo_ && !videoDone_) {
         view_.videoProgress = framesDone_.load();
-        const bool done = graphVideo_ ? graphVideo_->Finished() && PipelineIdle() : qtVideoFinished_ != 0;
+        const bool done = (graphVideo_ ? graphVideo_->Finished() : qtVideoFinished_ != 0) && PipelineIdle();
         if (done || abortRequested_ || errorFlag_ || budgetReached_) {
             if (done) view_.videoProgress = view_.videoRange;
             StopVideoGraph();
@@ -1235,13 +1213,21 @@ void ConvertSession::OnConvertFrame()
         return;
     }
 
-    if (convertVideo_ && qtVideo_ && !qtVideoFinished_) {
+    if (convertVideo_ && qtVideo_ && !qtVideoFinished_ && !pendingAbort_) {
         bool finished = true;
         if (qtVideo_->RenderCurrentFrame()) {
             const DrawingContext* dc = qtVideo_->GetDrawingContext();
-            if (dc && TakeSample24(dc->bits, static_cast<std::ptrdiff_t>(dc->stride), dc->header.biWidth,
-                                   dc->header.biHeight < 0 ? -dc->header.biHeight : dc->header.biHeight)) {
-                const int ok = VideoCompressFrame();
+            if (dc && dc->bits) {
+                // The drawn frame is a 24-bit top-down bitmap: fitted and imported by the
+                // pipeline's workers while the next one is drawn.
+                VideoSample sample;
+                sample.data = dc->bits;
+                sample.width = dc->header.biWidth;
+                sample.height = dc->header.biHeight < 0 ? -dc->header.biHeight : dc->header.biHeight;
+                sample.bitsPerPixel = 24;
+                sample.stride = static_cast<std::ptrdiff_t>(dc->stride);
+                sample.size = dc->stride * static_cast<std::size_t>(sample.height);
+                const int ok = TakeFrame(sample);
                 finished = !ok || budgetReached_ || errorFlag_ || qtVideo_->AdvanceFrame() == -1;
             } else {
                 errorFlag_ = 1;

@@ -108,8 +108,8 @@ public:
     // The graph route's frame sink (streaming thread).
     int VideoCallback(const VideoSample& sample) override;
 
-    // The frame path's pieces, reachable by tests.
-    int VideoCompressFrame();
+    // The frame path's pieces, reachable by tests. The compression of a working frame is split
+    // over the pipeline's two workers (FitAndPack, then ImportPacked).
     int ServerVideoCompressFrame(std::uint8_t* data);
     // The sample as the server path receives it: 40-byte header and rows at its depth.
     bool ServerFrameFromSample(const VideoSample& sample, std::vector<std::uint8_t>& bitmap);
@@ -126,7 +126,7 @@ protected:
 
 private:
     int ServerVideoCallback(const VideoSample& sample);
-    bool TakeSample24(const std::uint8_t* rows, std::ptrdiff_t stride, int width, int height);
+    int TakeFrame(const VideoSample& sample);
     bool FitAndPack(Image& image, FrameHolder& holder);
     int ImportPacked(const FrameHolder& holder, unsigned index);
 
@@ -217,10 +217,7 @@ private:
     bool headless_ = false;
     std::chrono::steady_clock::time_point startTick_{};
 
-    // The frame path: the working image (source size, 32 bits, top-down), the frame holder
-    // (recorder size), the server and alpha buffers, the movie's frame.
-    Image working_;
-    FrameHolder holder_;
+    // The server path's buffers (the working frames live in the pipeline's jobs).
     std::vector<std::uint8_t> serverBuffer_;
     std::vector<std::uint8_t> alphaBuffer_;
     std::vector<std::uint8_t> sampleBitmap_;  // streaming thread only
@@ -235,7 +232,7 @@ private:
     bool pipelineRunning_ = false;
     std::thread fitThread_, importThread_;
     std::atomic<unsigned> accepted_{0};
-    bool planar_ = false;                // the fast path: planes scaled straight into the frame
+    bool planar_ = false;                // the graph delivers the decoder's planes
     ScaledPlacement placement_{};
     PlanarFrameScaler scaler_;           // streaming thread only
 };
