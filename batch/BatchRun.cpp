@@ -12,6 +12,7 @@
 #include "batch/Companion.h"
 #include "batch/MxfUnwrap.h"
 #include "device/RecorderDevice.h"
+#include "platform/ByteOrder.h"
 #include "zubimport/Import.h"
 #include "zubimport/ImportSettings.h"
 #include "zubimport/ModuleState.h"
@@ -56,16 +57,6 @@ BatchDialogRunner RegisteredBatchDialogRunner()
 
 namespace {
 
-std::uint32_t Le32(const unsigned char* p)
-{
-    return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
-}
-
-std::uint16_t Le16(const unsigned char* p)
-{
-    return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
-}
-
 // The header and data of a WAVE (or .dva) file the conversion wrote.
 std::string VerifyWave(const std::string& path)
 {
@@ -85,18 +76,18 @@ std::string VerifyWave(const std::string& path)
         unsigned char ck[8];
         in.seekg(static_cast<std::streamoff>(pos));
         if (!in.read(reinterpret_cast<char*>(ck), 8)) break;
-        const std::uint32_t len = Le32(ck + 4);
+        const std::uint32_t len = ReadLe32(ck + 4);
         const std::uint64_t body = pos + 8;
         if (std::memcmp(ck, "fmt ", 4) == 0) {
             unsigned char f[16];
             if (len < 16 || body + 16 > size || !in.read(reinterpret_cast<char*>(f), 16))
                 return path + ": the WAVE format chunk is cut short";
-            tag = Le16(f);
-            channels = Le16(f + 2);
-            rate = Le32(f + 4);
-            byteRate = Le32(f + 8);
-            blockAlign = Le16(f + 12);
-            bits = Le16(f + 14);
+            tag = ReadLe16(f);
+            channels = ReadLe16(f + 2);
+            rate = ReadLe32(f + 4);
+            byteRate = ReadLe32(f + 8);
+            blockAlign = ReadLe16(f + 12);
+            bits = ReadLe16(f + 14);
             haveFmt = true;
         } else if (std::memcmp(ck, "data", 4) == 0) {
             if (!haveFmt) return path + ": the WAVE data comes before its format";

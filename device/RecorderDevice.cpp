@@ -5,6 +5,7 @@
 #include "device/BackendLibrary.h"
 #include "device/RecorderAbi.h"
 #include "device/RecorderBackend.h"
+#include "platform/ByteOrder.h"
 #include "zubimport/Paths.h"
 
 namespace zub {
@@ -14,30 +15,16 @@ namespace {
 thread_local std::string t_error;
 thread_local std::int32_t t_result = 0;  // of the library call that failed last, if any
 
-std::uint32_t Get32(const std::uint8_t* p)
-{
-    return static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
-           (static_cast<std::uint32_t>(p[2]) << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
-}
-
-void Put32(std::uint8_t* p, std::uint32_t v)
-{
-    p[0] = static_cast<std::uint8_t>(v);
-    p[1] = static_cast<std::uint8_t>(v >> 8);
-    p[2] = static_cast<std::uint8_t>(v >> 16);
-    p[3] = static_cast<std::uint8_t>(v >> 24);
-}
-
 // Offset of the "ZUBV" chunk header inside the "TBX " form, -1 when there is none; the
 // chunk's declared size in *size. Sizes are bounded by the block, never trusted.
 int FindZubv(const std::uint8_t* block, std::uint32_t* size)
 {
     if (std::memcmp(block, "RIFF", 4) != 0 || std::memcmp(block + 8, "TBX ", 4) != 0) return -1;
-    std::uint64_t end = 8 + static_cast<std::uint64_t>(Get32(block + 4));
+    std::uint64_t end = 8 + static_cast<std::uint64_t>(ReadLe32(block + 4));
     if (end > rec::kAppInfoBytes) end = rec::kAppInfoBytes;
     std::uint64_t pos = 12;
     while (pos + 8 <= end) {
-        const std::uint32_t chunkSize = Get32(block + pos + 4);
+        const std::uint32_t chunkSize = ReadLe32(block + pos + 4);
         if (std::memcmp(block + pos, "ZUBV", 4) == 0) {
             *size = chunkSize;
             return static_cast<int>(pos);
@@ -75,10 +62,10 @@ bool PutZubvChunk(std::uint8_t block[256], const void* data116, std::string* err
     }
     std::memset(block, 0, rec::kAppInfoBytes);
     std::memcpy(block, "RIFF", 4);
-    Put32(block + 4, 4 + 8 + rec::kZubvBytes);
+    WriteLe32(block + 4, 4 + 8 + rec::kZubvBytes);
     std::memcpy(block + 8, "TBX ", 4);
     std::memcpy(block + 12, "ZUBV", 4);
-    Put32(block + 16, rec::kZubvBytes);
+    WriteLe32(block + 16, rec::kZubvBytes);
     std::memcpy(block + 20, data116, rec::kZubvBytes);
     return true;
 }

@@ -6,26 +6,14 @@
 #include <cstring>
 #include <limits>
 
+#include "platform/ByteOrder.h"
+
 namespace zub {
 
 namespace {
 
 constexpr std::int64_t kMaxOffset = 0xFFFFFFFFll;  // RIFF offsets and sizes are 32-bit
 constexpr std::size_t kDefaultBuffer = 64 * 1024;
-
-DWORD GetLe32(const unsigned char* p)
-{
-    return static_cast<DWORD>(p[0]) | (static_cast<DWORD>(p[1]) << 8) | (static_cast<DWORD>(p[2]) << 16) |
-           (static_cast<DWORD>(p[3]) << 24);
-}
-
-void PutLe32(unsigned char* p, DWORD v)
-{
-    p[0] = static_cast<unsigned char>(v);
-    p[1] = static_cast<unsigned char>(v >> 8);
-    p[2] = static_cast<unsigned char>(v >> 16);
-    p[3] = static_cast<unsigned char>(v >> 24);
-}
 
 std::string FourCCText(FOURCC id)
 {
@@ -232,9 +220,9 @@ bool CMmioFile::Descend(MMCKINFO& ck, const MMCKINFO* parent, UINT flags)
         const long n = Read(hdr, sizeof hdr);
         if (n < 0) return false;
         if (n < 8) break;
-        const FOURCC id = GetLe32(hdr);
-        const DWORD size = GetLe32(hdr + 4);
-        const FOURCC type = n >= 12 ? GetLe32(hdr + 8) : 0;
+        const FOURCC id = ReadLe32(hdr);
+        const DWORD size = ReadLe32(hdr + 4);
+        const FOURCC type = n >= 12 ? ReadLe32(hdr + 8) : 0;
         const bool isForm = id == FOURCC_RIFF || id == FOURCC_LIST;
         const bool match = (wantId == 0 || wantId == id) && (wantType == 0 || (isForm && n >= 12 && wantType == type));
         if (match) {
@@ -269,7 +257,7 @@ bool CMmioFile::Ascend(MMCKINFO& ck)
         if (static_cast<DWORD>(size) != ck.cksize) {
             const std::int64_t end = pos_;
             unsigned char le[4];
-            PutLe32(le, static_cast<DWORD>(size));
+            WriteLe32(le, static_cast<DWORD>(size));
             if (!SeekTo(static_cast<std::int64_t>(ck.dwDataOffset) - 4) || Write(le, 4) != 4 || !SeekTo(end))
                 return false;
             ck.cksize = static_cast<DWORD>(size);
@@ -291,9 +279,9 @@ bool CMmioFile::CreateChunk(MMCKINFO& ck, UINT flags)
         ck.ckid = FOURCC_LIST;
     const bool isForm = (flags & (MMIO_CREATERIFF | MMIO_CREATELIST)) != 0;
     unsigned char hdr[12];
-    PutLe32(hdr, ck.ckid);
-    PutLe32(hdr + 4, ck.cksize);
-    PutLe32(hdr + 8, ck.fccType);
+    WriteLe32(hdr, ck.ckid);
+    WriteLe32(hdr + 4, ck.cksize);
+    WriteLe32(hdr + 8, ck.fccType);
     const long len = isForm ? 12 : 8;
     ck.dwDataOffset = static_cast<DWORD>(start + 8);
     ck.dwFlags = MMIO_DIRTY;

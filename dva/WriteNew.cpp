@@ -12,6 +12,7 @@
 
 #include "dva/DvaChunk.h"
 #include "dva/DvaDevice.h"
+#include "platform/ByteOrder.h"
 #include "zubimport/Dva.h"
 
 namespace zub {
@@ -85,13 +86,6 @@ private:
     int fd_ = -1;
 };
 
-std::uint32_t Le32(const unsigned char* p)
-{
-    std::uint32_t v;
-    std::memcpy(&v, p, 4);
-    return v;
-}
-
 bool Is(const unsigned char* p, const char* id) { return std::memcmp(p, id, 4) == 0; }
 
 // Pads the audio so the RIFF size is a multiple of 4, with silence of the file's sample size.
@@ -103,11 +97,11 @@ bool PadToFour(const std::string& path, off_t& paddedLength)
     if (!raw.ReadAt(0, h, sizeof h)) return false;
     // The sizes below are patched at fixed offsets, so anything but the canonical 44-byte
     // header would be damaged: refuse it instead.
-    if (!Is(h, "RIFF") || !Is(h + 8, "WAVE") || !Is(h + 12, "fmt ") || Le32(h + 16) != 16 || !Is(h + 36, "data"))
+    if (!Is(h, "RIFF") || !Is(h + 8, "WAVE") || !Is(h + 12, "fmt ") || ReadLe32(h + 16) != 16 || !Is(h + 36, "data"))
         return FailWith(path, "not a WAVE file with the canonical 44-byte header");
     off_t length = 0;
     if (!raw.Size(length)) return false;
-    const std::uint32_t riffSize = Le32(h + 4);
+    const std::uint32_t riffSize = ReadLe32(h + 4);
     if (static_cast<off_t>(riffSize) + 8 != length)
         return FailWith(path, "RIFF size does not match the file length (already associated?)");
     const std::uint32_t pad = riffSize % 4;
@@ -115,7 +109,7 @@ bool PadToFour(const std::string& path, off_t& paddedLength)
     if (pad == 0) return raw.Close();
     const std::uint32_t add = 4 - pad;
     const std::uint32_t newRiff = riffSize + add;
-    const std::uint32_t newData = Le32(h + 40) + add;
+    const std::uint32_t newData = ReadLe32(h + 40) + add;
     const std::uint16_t bits = static_cast<std::uint16_t>(h[34] | (h[35] << 8));
     const unsigned char fill[4] = {0, 0, 0, 0};
     const unsigned char fill8[4] = {0x80, 0x80, 0x80, 0x80};

@@ -13,6 +13,8 @@ extern "C" {
 #include <libavutil/intreadwrite.h>
 }
 
+#include "platform/AvError.h"
+
 namespace zub {
 namespace {
 
@@ -26,13 +28,6 @@ struct PacketFree {
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 
 constexpr std::int64_t kTicksPerSecond = 10'000'000;
-
-std::string AvError(int err)
-{
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(err, text, sizeof text);
-    return text;
-}
 
 bool Open(const std::string& path, FormatPtr* out, std::string* error)
 {

@@ -15,6 +15,7 @@
 #include <SimpleIni.h>
 
 #include "imgseq/SequenceNaming.h"
+#include "platform/FileIo.h"
 #include "zubimport/Paths.h"
 #include "zubimport/Platform.h"
 
@@ -200,19 +201,11 @@ bool WriteProfile(const std::string& path, const ProfileRecord& record, std::str
     std::string temp = path + ".XXXXXX";
     const int fd = ::mkstemp(temp.data());
     if (fd < 0) return Fail(error, path + ": cannot write: " + std::strerror(errno));
-    const char* p = text.data();
-    std::size_t left = text.size();
-    while (left > 0) {
-        const ssize_t n = ::write(fd, p, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            const int e = errno;
-            ::close(fd);
-            ::unlink(temp.c_str());
-            return Fail(error, path + ": cannot write: " + std::strerror(e));
-        }
-        p += n;
-        left -= static_cast<std::size_t>(n);
+    if (!WriteAllAt(fd, text.data(), text.size(), 0)) {
+        const int e = errno;
+        ::close(fd);
+        ::unlink(temp.c_str());
+        return Fail(error, path + ": cannot write: " + std::strerror(e));
     }
     struct stat old {};
     ::fchmod(fd, ::stat(path.c_str(), &old) == 0 ? (old.st_mode & 07777) : 0644);

@@ -7,6 +7,8 @@ extern "C" {
 #include <libavutil/mathematics.h>
 }
 
+#include "platform/AvError.h"
+
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -38,12 +40,7 @@ using InputPtr = std::unique_ptr<AVFormatContext, InputCloser>;
 using OutputPtr = std::unique_ptr<AVFormatContext, OutputCloser>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 
-std::string AvError(int code)
-{
-    char buf[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(code, buf, sizeof buf);
-    return buf;
-}
+using zub::AvError;
 
 std::string TempFolder()
 {

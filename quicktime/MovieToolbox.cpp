@@ -17,16 +17,11 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "platform/AvError.h"
+
 namespace zub::qt {
 
 namespace {
-
-std::string AvError(int err)
-{
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(err, text, sizeof text);
-    return text;
-}
 
 void SetWhy(std::string* why, std::string text)
 {

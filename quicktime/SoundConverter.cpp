@@ -15,6 +15,8 @@ extern "C" {
 #include <libswresample/swresample.h>
 }
 
+#include "platform/AvError.h"
+
 namespace zub::qt {
 
 namespace {
@@ -34,13 +36,6 @@ struct SwrFree {
 struct FifoFree {
     void operator()(AVAudioFifo* f) const { av_audio_fifo_free(f); }
 };
-
-std::string AvError(int err)
-{
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(err, text, sizeof text);
-    return text;
-}
 
 int IntegerRate(UnsignedFixed rate) { return static_cast<int>(rate >> 16); }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "device/RecorderAbi.h"
+#include "platform/FileIo.h"
 #include "zubimport/Platform.h"
 
 namespace zub::rec {
@@ -29,11 +30,6 @@ struct TjDeleter {
 };
 using TjPtr = std::unique_ptr<void, TjDeleter>;
 
-std::string SysError(const std::string& path, const char* what)
-{
-    return path + ": " + what + ": " + std::strerror(errno);
-}
-
 void Set(std::string* error, std::string text)
 {
     if (error) *error = std::move(text);
@@ -43,32 +39,6 @@ std::uint32_t Check(const IndexEntry& e, std::uint32_t frame, Track t)
 {
     return e.magic ^ (e.field1 * 0x9E3779B1u) ^ (e.field2 * 0x85EBCA77u) ^ (frame * 0xC2B2AE3Du) ^
            static_cast<std::uint32_t>(t);
-}
-
-// Moves all n bytes at `at` with pread or pwrite, through short transfers and interruptions;
-// false on an error or an end of file.
-template <class Byte, class Transfer>
-bool TransferAll(int fd, Byte* data, std::size_t n, std::uint64_t at, Transfer transfer)
-{
-    while (n) {
-        const ssize_t done = transfer(fd, data, n, static_cast<off_t>(at));
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return false;
-        data += done;
-        n -= static_cast<std::size_t>(done);
-        at += static_cast<std::uint64_t>(done);
-    }
-    return true;
-}
-
-bool PWriteAll(int fd, const void* data, std::size_t n, std::uint64_t at)
-{
-    return TransferAll(fd, static_cast<const std::uint8_t*>(data), n, at, ::pwrite);
-}
-
-bool PReadAll(int fd, void* data, std::size_t n, std::uint64_t at)
-{
-    return TransferAll(fd, static_cast<std::uint8_t*>(data), n, at, ::pread);
 }
 
 std::uint8_t Clamp8(int v)
@@ -499,7 +469,7 @@ std::unique_ptr<ClipWriter> ClipWriter::Create(const std::string& path, const Cl
     const std::uint8_t zeros[256] = {};
     const std::uint64_t size = reserve ? ClipFileBytes(header) : header.dataOffset;
     if (::ftruncate(w->fd_, static_cast<off_t>(size)) != 0 ||
-        !PWriteAll(w->fd_, &header, sizeof header, 0) || !PWriteAll(w->fd_, zeros, sizeof zeros, kAppInfoOffset)) {
+        !WriteAllAt(w->fd_, &header, sizeof header, 0) || !WriteAllAt(w->fd_, zeros, sizeof zeros, kAppInfoOffset)) {
         Set(error, SysError(path, "cannot write the clip header"));
         ::close(w->fd_);
         w->fd_ = -1;
@@ -573,7 +543,7 @@ bool ClipWriter::WriteLocked(Track t, std::uint32_t frame, const std::vector<std
         Set(error, SysError(path_, "cannot grow the clip"));
         return false;
     }
-    if (!PWriteAll(fd_, bytes.data(), bytes.size(), at)) {
+    if (!WriteAllAt(fd_, bytes.data(), bytes.size(), at)) {
         if (noSpace) *noSpace = errno == ENOSPC || errno == EDQUOT;
         Set(error, SysError(path_, "cannot write a frame"));
         return false;
@@ -586,7 +556,7 @@ bool ClipWriter::WriteLocked(Track t, std::uint32_t frame, const std::vector<std
     e.magic = kEntryMagic;
     e.check = Check(e, frame, t);
     const std::uint64_t entryAt = header_.indexOffset + (static_cast<std::uint64_t>(t) * header_.capacity + frame) * sizeof e;
-    if (!PWriteAll(fd_, &e, sizeof e, entryAt)) {
+    if (!WriteAllAt(fd_, &e, sizeof e, entryAt)) {
         Set(error, SysError(path_, "cannot write the frame index"));
         return false;
     }
@@ -598,7 +568,7 @@ bool ClipWriter::Finish(std::string* error)
 {
     std::lock_guard lock(mutex_);
     header_.framesWritten = written_[kVideo];
-    if (!PWriteAll(fd_, &header_.framesWritten, sizeof header_.framesWritten, offsetof(ClipHeader, framesWritten))) {
+    if (!WriteAllAt(fd_, &header_.framesWritten, sizeof header_.framesWritten, offsetof(ClipHeader, framesWritten))) {
         Set(error, SysError(path_, "cannot update the clip header"));
         return false;
     }
@@ -613,10 +583,10 @@ bool WriteAppInfo(const std::string& path, const std::uint8_t block[256], std::s
         return false;
     }
     ClipHeader h;
-    bool ok = PReadAll(fd, &h, sizeof h, 0) && std::memcmp(h.magic, kClipMagic, 4) == 0 &&
+    bool ok = ReadAllAt(fd, &h, sizeof h, 0) && std::memcmp(h.magic, kClipMagic, 4) == 0 &&
               h.appInfoOffset == kAppInfoOffset;
     if (!ok) Set(error, path + ": not a clip file (no ZUB0 header)");
-    if (ok && !PWriteAll(fd, block, 256, kAppInfoOffset)) {
+    if (ok && !WriteAllAt(fd, block, 256, kAppInfoOffset)) {
         Set(error, SysError(path, "cannot write the information block"));
         ok = false;
     }
@@ -647,7 +617,7 @@ std::unique_ptr<ClipReader> ClipReader::Open(const std::string& path, std::strin
     }
     r->fileBytes_ = static_cast<std::uint64_t>(st.st_size);
     ClipHeader& h = r->header_;
-    if (r->fileBytes_ < kIndexOffset || !PReadAll(r->fd_, &h, sizeof h, 0) || std::memcmp(h.magic, kClipMagic, 4) != 0) {
+    if (r->fileBytes_ < kIndexOffset || !ReadAllAt(r->fd_, &h, sizeof h, 0) || std::memcmp(h.magic, kClipMagic, 4) != 0) {
         Set(error, path + ": not a clip file (no ZUB0 header)");
         return nullptr;
     }
@@ -672,10 +642,10 @@ std::unique_ptr<ClipReader> ClipReader::Open(const std::string& path, std::strin
     if (h.appInfoOffset != kAppInfoOffset || h.indexOffset != kIndexOffset || h.dataOffset < kIndexOffset + indexBytes ||
         h.dataOffset > r->fileBytes_)
         return bad("offsets");
-    if (!PReadAll(r->fd_, r->appInfo_, sizeof r->appInfo_, kAppInfoOffset)) return bad("information block");
+    if (!ReadAllAt(r->fd_, r->appInfo_, sizeof r->appInfo_, kAppInfoOffset)) return bad("information block");
     for (int t = 0; t < 2; ++t) {
         r->index_[t].resize(h.capacity);
-        if (!PReadAll(r->fd_, r->index_[t].data(), h.capacity * sizeof(IndexEntry),
+        if (!ReadAllAt(r->fd_, r->index_[t].data(), h.capacity * sizeof(IndexEntry),
                       kIndexOffset + static_cast<std::uint64_t>(t) * h.capacity * sizeof(IndexEntry)))
             return bad("index");
     }
@@ -719,7 +689,7 @@ bool ClipReader::ReadStored(Track t, std::uint32_t frame, std::vector<std::uint8
                              (t == kAlpha ? header_.videoSlot : 0);
     f1.resize(e.field1);
     f2.resize(e.field2);
-    if (!PReadAll(fd_, f1.data(), f1.size(), at) || (e.field2 && !PReadAll(fd_, f2.data(), f2.size(), at + slot / 2))) {
+    if (!ReadAllAt(fd_, f1.data(), f1.size(), at) || (e.field2 && !ReadAllAt(fd_, f2.data(), f2.size(), at + slot / 2))) {
         Set(error, path_ + ": frame " + std::to_string(frame) + " cannot be read");
         return false;
     }

@@ -12,6 +12,8 @@
 #include "convert/audio/ResampleSimd.h"
 #include "dva/DeleteOnFail.h"
 #include "dva/MmioFile.h"
+#include "platform/ByteOrder.h"
+#include "platform/FileIo.h"
 #include "zubimport/ImportSettings.h"
 #include "zubimport/Prompt.h"
 
@@ -29,44 +31,6 @@ constexpr const char* kReaderError = "Failed to open audio item.";
 
 // The canonical WAVE header the conversion assumes: audio data starts here.
 constexpr int kHeaderBytes = 44;
-
-std::uint16_t Le16(const unsigned char* p) { return static_cast<std::uint16_t>(p[0] | (p[1] << 8)); }
-std::uint32_t Le32(const unsigned char* p)
-{
-    return static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
-           (static_cast<std::uint32_t>(p[2]) << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
-}
-void Put16(unsigned char* p, std::uint32_t v)
-{
-    p[0] = static_cast<unsigned char>(v);
-    p[1] = static_cast<unsigned char>(v >> 8);
-}
-void Put32(unsigned char* p, std::uint32_t v)
-{
-    Put16(p, v);
-    Put16(p + 2, v >> 16);
-}
-
-std::string SysError(const std::string& file, const char* what)
-{
-    return file + ": " + what + ": " + std::strerror(errno);
-}
-
-bool WriteAll(int fd, const unsigned char* data, std::size_t count, off_t at)
-{
-    while (count > 0) {
-        const ssize_t n = ::pwrite(fd, data, count, at);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            if (n == 0) errno = ENOSPC;
-            return false;
-        }
-        data += n;
-        count -= static_cast<std::size_t>(n);
-        at += n;
-    }
-    return true;
-}
 
 template <bool StereoSource>
 unsigned long ConvertFrames(const std::int16_t* in, unsigned char* out, unsigned long outBytes, int bits, int stereo)
@@ -86,11 +50,11 @@ unsigned long ConvertFrames(const std::int16_t* in, unsigned char* out, unsigned
         for (std::size_t f = 0; f < whole; ++f) out[f] = SampleTo8Bit(left(f));
     } else if (stereo) {
         for (std::size_t f = 0; f < whole; ++f) {
-            Put16(out + 4 * f, static_cast<std::uint16_t>(left(f)));
-            Put16(out + 4 * f + 2, static_cast<std::uint16_t>(right(f)));
+            WriteLe16(out + 4 * f, static_cast<std::uint16_t>(left(f)));
+            WriteLe16(out + 4 * f + 2, static_cast<std::uint16_t>(right(f)));
         }
     } else {
-        for (std::size_t f = 0; f < whole; ++f) Put16(out + 2 * f, static_cast<std::uint16_t>(left(f)));
+        for (std::size_t f = 0; f < whole; ++f) WriteLe16(out + 2 * f, static_cast<std::uint16_t>(left(f)));
     }
     // A target length that ends inside a frame gets that frame's first bytes, so the result is
     // exactly outBytes long whatever the caller asks for.
@@ -100,8 +64,8 @@ unsigned long ConvertFrames(const std::int16_t* in, unsigned char* out, unsigned
             frame[0] = SampleTo8Bit(left(whole));
             frame[1] = SampleTo8Bit(right(whole));
         } else {
-            Put16(frame, static_cast<std::uint16_t>(left(whole)));
-            Put16(frame + 2, static_cast<std::uint16_t>(right(whole)));
+            WriteLe16(frame, static_cast<std::uint16_t>(left(whole)));
+            WriteLe16(frame + 2, static_cast<std::uint16_t>(right(whole)));
         }
         std::memcpy(out + whole * frameBytes, frame, rest);
     }
@@ -180,10 +144,10 @@ int AudioConverter::ReadFormat(const std::string& file, long& rate, int& bits, i
     unsigned char b[16];
     if (f.Read(b, 16) != 16) return fail(file + ": \"fmt \" chunk cut short");
 
-    const unsigned tag = Le16(b);
-    const unsigned channels = Le16(b + 2);
-    const std::uint32_t sampleRate = Le32(b + 4);
-    const unsigned sampleBits = Le16(b + 14);
+    const unsigned tag = ReadLe16(b);
+    const unsigned channels = ReadLe16(b + 2);
+    const std::uint32_t sampleRate = ReadLe32(b + 4);
+    const unsigned sampleBits = ReadLe16(b + 14);
     if (tag != WAVE_FORMAT_PCM) return fail(file + ": not PCM (format tag " + std::to_string(tag) + ")");
     if (channels != 1 && channels != 2) return fail(file + ": " + std::to_string(channels) + " channels");
     if (sampleRate < 1000 || sampleRate > 384000)
@@ -293,7 +257,7 @@ void AudioConverter::ResampleBlock(const Job& job, std::int64_t first, std::size
                 for (int c = 0; c < srcChannels; ++c) {
                     std::int16_t v;
                     if (bytesPerSample == 2) {
-                        v = static_cast<std::int16_t>(Le16(p));
+                        v = static_cast<std::int16_t>(ReadLe16(p));
                         p += 2;
                     } else {
                         v = static_cast<std::int16_t>((*p++ - 128) * 256);
@@ -378,12 +342,12 @@ bool AudioConverter::Open(const Job& job, IPrompt& prompt, int& result)
         got += static_cast<std::size_t>(n);
     }
     const int targetChannels = job.targetStereo ? 2 : 1;
-    Put16(header + 22, static_cast<std::uint32_t>(targetChannels));
-    Put32(header + 24, static_cast<std::uint32_t>(job.targetRate));
-    Put32(header + 28, static_cast<std::uint32_t>(job.targetRate * job.targetBits * targetChannels) >> 3);
-    Put16(header + 32, static_cast<std::uint32_t>(targetChannels * job.targetBits / 8));
-    Put16(header + 34, static_cast<std::uint32_t>(job.targetBits));
-    if (!WriteAll(out, header, sizeof header, 0)) {
+    WriteLe16(header + 22, static_cast<std::uint32_t>(targetChannels));
+    WriteLe32(header + 24, static_cast<std::uint32_t>(job.targetRate));
+    WriteLe32(header + 28, static_cast<std::uint32_t>(job.targetRate * job.targetBits * targetChannels) >> 3);
+    WriteLe16(header + 32, static_cast<std::uint32_t>(targetChannels * job.targetBits / 8));
+    WriteLe16(header + 34, static_cast<std::uint32_t>(job.targetBits));
+    if (!WriteAllAt(out, header, sizeof header, 0)) {
         result = WriteFailed(SysError(job.target, "cannot write the header"));
         return false;
     }
@@ -451,7 +415,7 @@ int AudioConverter::Stream(const Job& job, const AudioProgress& progress, const 
                 ConvertMonoFrames(inter.data(), output_.data(), bytes, job.targetBits, job.targetStereo);
             data = output_.data();
         }
-        if (!WriteAll(target_->fd, data, bytes, static_cast<off_t>(kHeaderBytes + written))) {
+        if (!WriteAllAt(target_->fd, data, bytes, static_cast<off_t>(kHeaderBytes + written))) {
             discard.Release();
             return WriteFailed(SysError(job.target, "cannot write the audio"));
         }
