@@ -4,6 +4,7 @@
 // launcher window offers the three.
 #include <QApplication>
 #include <QDialog>
+#include <QEvent>
 #include <QFileDialog>
 #include <QLabel>
 #include <QPixmap>
@@ -153,6 +154,27 @@ int RunLauncher(const GuiArgs& a)
     return kExitDone;
 }
 
+// With ZUBIMPORT_REPORT_SHOWN set, the first window that is shown is reported on standard
+// error as "zubimport: shown <title>", which the start-up benchmark waits for.
+class ShownReporter final : public QObject {
+public:
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        if (!done_ && event->type() == QEvent::Show) {
+            auto* w = qobject_cast<QWidget*>(watched);
+            if (w && w->isWindow()) {
+                done_ = true;
+                std::fprintf(stderr, "zubimport: shown %s\n", w->windowTitle().toStdString().c_str());
+                std::fflush(stderr);
+            }
+        }
+        return false;
+    }
+
+private:
+    bool done_ = false;
+};
+
 int RunGui(const GuiArgs& a)
 {
     std::string job = a.words.empty() ? "" : a.words[0];
@@ -175,6 +197,8 @@ int RunGui(const GuiArgs& a)
     // Questions now come as message boxes: the module's own prompter when a widgets
     // application runs.
     zub::SetPrompter(nullptr);
+    ShownReporter reporter;
+    if (std::getenv("ZUBIMPORT_REPORT_SHOWN")) app.installEventFilter(&reporter);
     if (job.empty()) return RunLauncher(a);
     ScheduleShot(a, nullptr);
     if (job == "convert") return RunConvertWindow(files[0], a.zub);
