@@ -5,6 +5,7 @@
 #include "device/BackendLibrary.h"
 #include "device/RecorderAbi.h"
 #include "device/RecorderBackend.h"
+#include "platform/Error.h"
 #include "platform/ByteOrder.h"
 #include "zubimport/Paths.h"
 
@@ -12,7 +13,7 @@ namespace zub {
 
 namespace {
 
-thread_local std::string t_error;
+using Errors = LastError<struct RecorderDeviceErrors>;
 thread_local std::int32_t t_result = 0;  // of the library call that failed last, if any
 
 // Offset of the "ZUBV" chunk header inside the "TBX " form, -1 when there is none; the
@@ -86,20 +87,20 @@ void NoteLibraryResult(std::int32_t result)
 
 int CRecorderDevice::Fail(std::string message)
 {
-    t_error = std::move(message);
+    Errors::Set(std::move(message));
     t_result = 0;
     return 0;
 }
 
 int CRecorderDevice::LibraryFailed(std::string message)
 {
-    t_error = std::move(message);
+    Errors::Set(std::move(message));
     return 0;
 }
 
 std::string CRecorderDevice::GetError()
 {
-    return t_error;
+    return Errors::Get();
 }
 
 std::int32_t CRecorderDevice::GetLastResult()

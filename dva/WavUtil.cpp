@@ -10,6 +10,7 @@
 
 #include "dva/DeleteOnFail.h"
 #include "dva/DvaInternal.h"
+#include "platform/Error.h"
 #include "zubimport/Dva.h"
 
 namespace zub {
@@ -17,12 +18,12 @@ namespace zub {
 namespace dva {
 
 namespace {
-thread_local std::string g_lastError;
+using Errors = zub::LastError<struct DvaErrors>;
 }
 
-void ClearError() { g_lastError.clear(); }
-const std::string& LastError() { return g_lastError; }
-void SetError(std::string text) { g_lastError = std::move(text); }
+void ClearError() { Errors::Clear(); }
+const std::string& LastError() { return Errors::Get(); }
+void SetError(std::string text) { Errors::Set(std::move(text)); }
 
 bool FailFrom(const CMmioFile& file)
 {
@@ -206,6 +207,6 @@ int CDva::CopyPartialWavFile(const char* src, const char* dst, char* data, long 
     return FinishTarget(out, riff, dataCk, guard) ? 1 : 0;
 }
 
-std::string CDva::GetLastError() { return LastError(); }
+std::string CDva::GetLastError() { return dva::LastError(); }
 
 }  // namespace zub

@@ -8,6 +8,7 @@ extern "C" {
 }
 
 #include "platform/AvError.h"
+#include "platform/Error.h"
 
 #include <stdlib.h>
 #include <unistd.h>
@@ -21,7 +22,8 @@ extern "C" {
 
 namespace {
 
-thread_local std::string t_error;
+// The reason behind the last 0 from G_LaunchMXFUnwrap, per calling thread.
+using Errors = zub::LastError<struct MxfUnwrapErrors>;
 
 struct InputCloser {
     void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
@@ -92,7 +94,7 @@ std::string Stem(const std::string& path)
 bool Unwrap(const std::string& source, std::string& target)
 {
     auto fail = [&](const std::string& why) {
-        t_error = source + ": " + why;
+        Errors::Set(zub::Error{source, why});
         return false;
     };
 
@@ -182,9 +184,9 @@ bool Unwrap(const std::string& source, std::string& target)
 extern "C" __attribute__((visibility("default"))) int G_LaunchMXFUnwrap(void* parentWindow, char* path, size_t capacity)
 {
     (void)parentWindow;
-    t_error.clear();
+    Errors::Clear();
     if (!path || capacity == 0 || ::memchr(path, '\0', capacity) == nullptr) {
-        t_error = "G_LaunchMXFUnwrap: no file name given";
+        Errors::Set("G_LaunchMXFUnwrap: no file name given");
         return 0;
     }
     const std::string source(path);
@@ -194,7 +196,7 @@ extern "C" __attribute__((visibility("default"))) int G_LaunchMXFUnwrap(void* pa
         std::remove(target.c_str());
         const std::size_t slash = target.rfind('/');
         if (slash != std::string::npos) ::rmdir(target.substr(0, slash).c_str());
-        t_error = source + ": the unwrapped file's name does not fit the " + std::to_string(capacity) + "-byte buffer";
+        Errors::Set(zub::Error{source, "the unwrapped file's name does not fit the " + std::to_string(capacity) + "-byte buffer"});
         return 0;
     }
     std::memcpy(path, target.c_str(), target.size() + 1);
@@ -203,5 +205,5 @@ extern "C" __attribute__((visibility("default"))) int G_LaunchMXFUnwrap(void* pa
 
 extern "C" __attribute__((visibility("default"))) const char* G_MXFUnwrapError(void)
 {
-    return t_error.c_str();
+    return Errors::Get().c_str();
 }

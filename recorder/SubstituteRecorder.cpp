@@ -15,11 +15,13 @@
 #include <limits>
 #include <thread>
 
+#include "platform/Error.h"
+
 namespace zub::rec {
 
 namespace {
 
-thread_local std::string t_error;
+using Errors = LastError<struct SubstituteRecorderErrors>;
 
 // What a file query and an item query both report about a clip, counted on one track.
 void DescribeClip(const ClipReader& r, Track track, ClipFacts& f)
@@ -155,12 +157,12 @@ SubstituteRecorder::~SubstituteRecorder() = default;
 
 const char* SubstituteRecorder::LastError()
 {
-    return t_error.c_str();
+    return Errors::Get().c_str();
 }
 
 Status SubstituteRecorder::Fail(Status s, std::string text)
 {
-    t_error = std::move(text);
+    Errors::Set(std::move(text));
     return s;
 }
 
