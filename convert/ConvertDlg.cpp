@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "convert/ConvertSession.h"
+#include "convert/audio/AudioState.h"
 #include "graph/GraphAudioReader.h"
 #include "graph/GraphVideoReader.h"
 #include "quicktime/QuickTimeSource.h"

@@ -1,20 +1,14 @@
 // The conversion dialog's audio members: thin over AudioConverter, with the target format
 // from the module's settings and the messages through the module's prompter.
-#include "convert/audio/AudioConverter.h"
-#include "zubimport/ConvertDlg.h"
+#include "convert/audio/AudioState.h"
 #include "zubimport/ImportSettings.h"
 #include "zubimport/Prompt.h"
 
 namespace zub {
 
-// The audio conversion's open files, buffers, ratio and reader live in the converter.
-struct CConvertDlg::AudioState {
-    audio::AudioConverter converter;
-};
-
 int CConvertDlg::ConvertAudioFile(const char* source, const char* target)
 {
-    if (!audio_) audio_ = std::make_shared<AudioState>();
+    if (!audio_) audio_ = std::make_unique<AudioState>();
     return audio_->converter.Convert(source, target, audio::TargetFromSettings(CurrentSettings()), Prompter());
 }
 
@@ -25,19 +19,19 @@ int CConvertDlg::GetAudioDetails(const std::string& file, long& rate, int& bits,
 
 unsigned long CConvertDlg::ConvertStereoWaveData(short* in, unsigned long outBytes, int bits, int stereo)
 {
-    if (!audio_) audio_ = std::make_shared<AudioState>();
+    if (!audio_) audio_ = std::make_unique<AudioState>();
     return audio_->converter.ConvertStereo(in, outBytes, bits, stereo);
 }
 
 unsigned long CConvertDlg::ConvertMonoWaveData(short* in, unsigned long outBytes, int bits, int stereo)
 {
-    if (!audio_) audio_ = std::make_shared<AudioState>();
+    if (!audio_) audio_ = std::make_unique<AudioState>();
     return audio_->converter.ConvertMono(in, outBytes, bits, stereo);
 }
 
 int CConvertDlg::ReadSamplesFromFile(long count, unsigned char* buffer, unsigned long offset)
 {
-    if (!audio_) audio_ = std::make_shared<AudioState>();
+    if (!audio_) audio_ = std::make_unique<AudioState>();
     return audio_->converter.ReadSamples(count, buffer, offset);
 }
 

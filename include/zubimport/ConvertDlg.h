@@ -93,10 +93,9 @@ public:
 
     const std::string& SourcePath() const { return source_; }
 
-    struct AudioState;  // the audio conversion's open files and buffers (convert/audio)
-
 private:
     friend class ConvertSession;
+    struct AudioState;  // the audio conversion's open files and buffers (convert/audio)
 
     std::string source_;
     int serverMode_ = 0;
@@ -112,9 +111,8 @@ private:
     ConvertReport report_;
     std::function<void(const ConvertProgress&)> progress_;
     ConvertSession* session_ = nullptr;  // while Modal runs; guarded for PressAbort
-    // shared_ptr: its deleter is bound where AudioState is complete, so this header and the
-    // destructor need not see it.
-    std::shared_ptr<AudioState> audio_;
+    // Made on the first audio call; the destructor, out of line, is where AudioState is whole.
+    std::unique_ptr<AudioState> audio_;
 };
 
 }  // namespace zub

@@ -50,8 +50,18 @@ TEST(Colours, ThemedSlotOnlyFromVersion51)
     EXPECT_EQ(controls::EditFamily().themedColour, 0ul);
 }
 
-TEST(Colours, KernelVersionCountsAsModern)
+// The host's version is the kernel's release on Linux: the releases hosts run today must take
+// the themed slot, whatever kernel the test machine has.
+TEST(Colours, KernelReleasesCountAsModern)
 {
-    const OsVersion v = CurrentOsVersion();
-    EXPECT_GE(v.major, 5);
+    const OsVersion releases[] = {{5, 4}, {5, 10}, {5, 15}, {6, 1}, {6, 8}, {6, 12}};
+    for (const OsVersion& v : releases) {
+        OsScope os(v);
+        EXPECT_EQ(CurrentOsVersion().major, v.major);
+        EXPECT_EQ(CurrentOsVersion().minor, v.minor);
+        controls::ListFamily().themedColour = 0;
+        ImportDllGlobalSetColors(1, 0, 0x123456, 1);
+        EXPECT_EQ(controls::ListFamily().themedColour, 0x123456ul) << v.major << "." << v.minor;
+    }
+    controls::ListFamily().themedColour = 0;
 }
