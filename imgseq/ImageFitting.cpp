@@ -6,6 +6,7 @@
 #include <new>
 
 #include "imgseq/ImagingLibrary.h"
+#include "platform/Error.h"
 #include "zubimport/Paths.h"
 
 namespace zub {
@@ -22,12 +23,6 @@ constexpr std::size_t kKeptBufferBytes = std::size_t(64) << 20;
 bool SaneSize(std::int64_t w, std::int64_t h)
 {
     return w > 0 && h > 0 && w <= kMaxSide && h <= kMaxSide && w * h <= kMaxPixels;
-}
-
-bool Fail(std::string* error, std::string message)
-{
-    if (error) *error = std::move(message);
-    return false;
 }
 
 std::string SizeText(int w, int h)

@@ -15,6 +15,7 @@
 #include <SimpleIni.h>
 
 #include "imgseq/SequenceNaming.h"
+#include "platform/Error.h"
 #include "platform/FileIo.h"
 #include "zubimport/Paths.h"
 #include "zubimport/Platform.h"
@@ -47,12 +48,6 @@ constexpr IntKey kIntKeys[] = {
 };
 constexpr const char* kVideoPathKey = "VideoPath";
 constexpr const char* kFillGapsKey = "ImportSeqFillGaps";
-
-bool Fail(std::string* error, std::string message)
-{
-    if (error) *error = std::move(message);
-    return false;
-}
 
 // A string value as the platform's profile reader gives it: trimmed (SimpleIni already did),
 // one pair of matching surrounding quotes removed, cut to the reader's 260-byte buffer.

@@ -16,10 +16,17 @@ struct Error {
 };
 
 // Fills *out when the caller asked for the reason; false, so a failure path reads
-// `return Fail(error, {path, "cannot open"});`.
+// `return Fail(error, Error{path, "cannot open"});`.
 inline bool Fail(std::string* out, const Error& e)
 {
     if (out) *out = e.Message();
+    return false;
+}
+
+// The same for a message already formed as "file: reason" (a lower layer's, or SysError's).
+inline bool Fail(std::string* out, std::string message)
+{
+    if (out) *out = std::move(message);
     return false;
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "device/RecorderAbi.h"
+#include "platform/Error.h"
 #include "platform/FileIo.h"
 #include "zubimport/Platform.h"
 
@@ -29,11 +30,6 @@ struct TjDeleter {
     }
 };
 using TjPtr = std::unique_ptr<void, TjDeleter>;
-
-void Set(std::string* error, std::string text)
-{
-    if (error) *error = std::move(text);
-}
 
 std::uint32_t Check(const IndexEntry& e, std::uint32_t frame, Track t)
 {
@@ -82,16 +78,16 @@ std::uint32_t SlotBytes(std::int32_t type, std::int32_t rate, std::uint32_t divi
 {
     if (type == kTypeUncompressed) return width * height * 2;
     if (type != kTypeCompressed) {
-        Set(error, "stream type " + std::to_string(type) + " is neither 1 (compressed) nor 3 (uncompressed)");
+        Fail(error, "stream type " + std::to_string(type) + " is neither 1 (compressed) nor 3 (uncompressed)");
         return 0;
     }
     if (rate <= 0) {
-        Set(error, "a compressed stream needs a data rate, not " + std::to_string(rate));
+        Fail(error, "a compressed stream needs a data rate, not " + std::to_string(rate));
         return 0;
     }
     const std::uint32_t slot = static_cast<std::uint32_t>(rate) / divisor;
     if (slot < kMinCompressedSlot) {
-        Set(error, "a data rate of " + std::to_string(rate) + " bytes/s leaves " + std::to_string(slot) +
+        Fail(error, "a data rate of " + std::to_string(rate) + " bytes/s leaves " + std::to_string(slot) +
                        " bytes per frame, below the " + std::to_string(kMinCompressedSlot) + " a frame needs");
         return 0;
     }
@@ -103,11 +99,11 @@ bool MakeHeader(const ClipParams& p, ClipHeader& h, std::string* error)
     std::memset(&h, 0, sizeof h);
     if (p.width < 2 || p.width > kMaxFrameSide || p.width % 2 || p.height < 2 || p.height > kMaxFrameSide ||
         p.height % 2) {
-        Set(error, "frame size " + std::to_string(p.width) + " x " + std::to_string(p.height) + " is not supported");
+        Fail(error, "frame size " + std::to_string(p.width) + " x " + std::to_string(p.height) + " is not supported");
         return false;
     }
     if (p.capacity == 0 || p.capacity > kMaxCapacity) {
-        Set(error, "a clip of " + std::to_string(p.capacity) + " frames cannot be made");
+        Fail(error, "a clip of " + std::to_string(p.capacity) + " frames cannot be made");
         return false;
     }
     std::memcpy(h.magic, kClipMagic, 4);
@@ -136,13 +132,13 @@ bool MakeHeader(const ClipParams& p, ClipHeader& h, std::string* error)
     std::string why;
     h.videoSlot = SlotBytes(p.videoType, p.videoRate, h.divisor, p.width, p.height, &why);
     if (!h.videoSlot) {
-        Set(error, "video: " + why);
+        Fail(error, "video: " + why);
         return false;
     }
     if (p.alphaType) {
         h.alphaSlot = SlotBytes(p.alphaType, p.alphaRate, h.divisor, p.width, p.height, &why);
         if (!h.alphaSlot) {
-            Set(error, "alpha: " + why);
+            Fail(error, "alpha: " + why);
             return false;
         }
     }
@@ -161,7 +157,7 @@ std::uint64_t ClipFileBytes(const ClipHeader& h)
 bool ParseFrame(const void* data, std::uint32_t width, std::uint32_t height, FrameView& view, std::string* error)
 {
     if (!data) {
-        Set(error, "no frame data");
+        Fail(error, "no frame data");
         return false;
     }
     BITMAPINFOHEADER bi;
@@ -170,12 +166,12 @@ bool ParseFrame(const void* data, std::uint32_t width, std::uint32_t height, Fra
                                                     : static_cast<std::uint32_t>(bi.biHeight);
     if (bi.biSize != sizeof(BITMAPINFOHEADER) || bi.biPlanes != 1 ||
         (bi.biBitCount != 32 && bi.biBitCount != 24 && bi.biBitCount != 16)) {
-        Set(error, "the frame is not a 16, 24 or 32-bit bitmap (header size " + std::to_string(bi.biSize) +
+        Fail(error, "the frame is not a 16, 24 or 32-bit bitmap (header size " + std::to_string(bi.biSize) +
                        ", " + std::to_string(bi.biBitCount) + " bits)");
         return false;
     }
     if (bi.biWidth < 0 || static_cast<std::uint32_t>(bi.biWidth) != width || absHeight != height) {
-        Set(error, "the frame is " + std::to_string(bi.biWidth) + " x " + std::to_string(absHeight) +
+        Fail(error, "the frame is " + std::to_string(bi.biWidth) + " x " + std::to_string(absHeight) +
                        ", the recorder's frame is " + std::to_string(width) + " x " + std::to_string(height));
         return false;
     }
@@ -261,7 +257,7 @@ bool FrameToJpeg(const FrameView& v, int quality, std::vector<std::uint8_t>& jpe
 {
     TjPtr tj(tjInitCompress());
     if (!tj) {
-        Set(error, std::string("TurboJPEG: ") + tjGetErrorStr2(nullptr));
+        Fail(error, std::string("TurboJPEG: ") + tjGetErrorStr2(nullptr));
         return false;
     }
     std::vector<std::uint8_t> bgra;
@@ -286,7 +282,7 @@ bool FrameToJpeg(const FrameView& v, int quality, std::vector<std::uint8_t>& jpe
     unsigned long size = jpeg.size();
     if (tjCompress2(tj.get(), src, v.width, static_cast<int>(stride), v.height, format, &buf, &size, TJSAMP_422,
                     quality, flags | TJFLAG_NOREALLOC) != 0) {
-        Set(error, std::string("TurboJPEG: ") + tjGetErrorStr2(tj.get()));
+        Fail(error, std::string("TurboJPEG: ") + tjGetErrorStr2(tj.get()));
         return false;
     }
     jpeg.resize(size);
@@ -318,7 +314,7 @@ bool TrackEncoder::CompressField(const FrameView& v, int field, std::uint32_t ta
         jpeg_ = std::make_unique<Jpeg>();
         jpeg_->tj.reset(tjInitCompress());
         if (!jpeg_->tj) {
-            Set(error, std::string("TurboJPEG: ") + tjGetErrorStr2(nullptr));
+            Fail(error, std::string("TurboJPEG: ") + tjGetErrorStr2(nullptr));
             jpeg_.reset();
             return false;
         }
@@ -388,7 +384,7 @@ bool TrackEncoder::CompressField(const FrameView& v, int field, std::uint32_t ta
                            : tjCompress2(jpeg_->tj.get(), src, w, static_cast<int>(pitch), h, format, &buf, &got,
                                          subsamp, quality_, flags);
         if (rc != 0) {
-            Set(error, std::string("TurboJPEG: ") + tjGetErrorStr2(jpeg_->tj.get()));
+            Fail(error, std::string("TurboJPEG: ") + tjGetErrorStr2(jpeg_->tj.get()));
             return false;
         }
         if (got <= target) {
@@ -397,7 +393,7 @@ bool TrackEncoder::CompressField(const FrameView& v, int field, std::uint32_t ta
             return true;
         }
         if (quality_ <= 1) {
-            Set(error, "a field needs " + std::to_string(got) + " bytes at the lowest quality, its budget is " +
+            Fail(error, "a field needs " + std::to_string(got) + " bytes at the lowest quality, its budget is " +
                            std::to_string(target));
             return false;
         }
@@ -463,14 +459,14 @@ std::unique_ptr<ClipWriter> ClipWriter::Create(const std::string& path, const Cl
     w->fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (w->fd_ < 0) {
         if (errno == EEXIST && exists) *exists = true;
-        Set(error, SysError(path, "cannot create the clip"));
+        Fail(error, SysError(path, "cannot create the clip"));
         return nullptr;
     }
     const std::uint8_t zeros[256] = {};
     const std::uint64_t size = reserve ? ClipFileBytes(header) : header.dataOffset;
     if (::ftruncate(w->fd_, static_cast<off_t>(size)) != 0 ||
         !WriteAllAt(w->fd_, &header, sizeof header, 0) || !WriteAllAt(w->fd_, zeros, sizeof zeros, kAppInfoOffset)) {
-        Set(error, SysError(path, "cannot write the clip header"));
+        Fail(error, SysError(path, "cannot write the clip header"));
         ::close(w->fd_);
         w->fd_ = -1;
         ::unlink(path.c_str());
@@ -488,17 +484,17 @@ bool ClipWriter::WriteFrame(Track t, std::uint32_t frame, const FrameView& v, st
 {
     std::lock_guard lock(mutex_);
     if (!encoders_[t]) {
-        Set(error, path_ + ": the clip has no alpha track");
+        Fail(error, path_ + ": the clip has no alpha track");
         return false;
     }
     if (v.width != static_cast<int>(header_.width) || v.height != static_cast<int>(header_.height)) {
-        Set(error, path_ + ": the frame does not have the clip's size");
+        Fail(error, path_ + ": the frame does not have the clip's size");
         return false;
     }
     IndexEntry e;
     std::string why;
     if (!encoders_[t]->Encode(v, buffer_, e, &why)) {
-        Set(error, path_ + ": frame " + std::to_string(frame) + ": " + why);
+        Fail(error, path_ + ": frame " + std::to_string(frame) + ": " + why);
         return false;
     }
     return WriteLocked(t, frame, buffer_, e, error, noSpace);
@@ -527,12 +523,12 @@ bool ClipWriter::WriteLocked(Track t, std::uint32_t frame, const std::vector<std
 {
     const std::uint32_t slot = t == kVideo ? header_.videoSlot : header_.alphaSlot;
     if (frame >= header_.capacity) {
-        Set(error, path_ + ": frame " + std::to_string(frame) + " is beyond the clip's " +
+        Fail(error, path_ + ": frame " + std::to_string(frame) + " is beyond the clip's " +
                        std::to_string(header_.capacity) + " frames");
         return false;
     }
     if (!slot || bytes.size() != slot) {
-        Set(error, path_ + ": the frame does not fill its slot");
+        Fail(error, path_ + ": the frame does not fill its slot");
         return false;
     }
     const std::uint64_t at = header_.dataOffset + static_cast<std::uint64_t>(frame) * (header_.videoSlot + header_.alphaSlot) +
@@ -540,24 +536,24 @@ bool ClipWriter::WriteLocked(Track t, std::uint32_t frame, const std::vector<std
     // A growing clip takes whole frames, both tracks' slots, as a reader expects.
     if (!reserve_ && FileBytes() < BytesThrough(frame) && ::ftruncate(fd_, static_cast<off_t>(BytesThrough(frame))) != 0) {
         if (noSpace) *noSpace = errno == ENOSPC || errno == EDQUOT || errno == EFBIG;
-        Set(error, SysError(path_, "cannot grow the clip"));
+        Fail(error, SysError(path_, "cannot grow the clip"));
         return false;
     }
     if (!WriteAllAt(fd_, bytes.data(), bytes.size(), at)) {
         if (noSpace) *noSpace = errno == ENOSPC || errno == EDQUOT;
-        Set(error, SysError(path_, "cannot write a frame"));
+        Fail(error, SysError(path_, "cannot write a frame"));
         return false;
     }
     // The data reaches the file before the entry that declares it whole.
     if (sync_ && ::fdatasync(fd_) != 0) {
-        Set(error, SysError(path_, "cannot flush a frame"));
+        Fail(error, SysError(path_, "cannot flush a frame"));
         return false;
     }
     e.magic = kEntryMagic;
     e.check = Check(e, frame, t);
     const std::uint64_t entryAt = header_.indexOffset + (static_cast<std::uint64_t>(t) * header_.capacity + frame) * sizeof e;
     if (!WriteAllAt(fd_, &e, sizeof e, entryAt)) {
-        Set(error, SysError(path_, "cannot write the frame index"));
+        Fail(error, SysError(path_, "cannot write the frame index"));
         return false;
     }
     written_[t] = std::max(written_[t], frame + 1);
@@ -569,7 +565,7 @@ bool ClipWriter::Finish(std::string* error)
     std::lock_guard lock(mutex_);
     header_.framesWritten = written_[kVideo];
     if (!WriteAllAt(fd_, &header_.framesWritten, sizeof header_.framesWritten, offsetof(ClipHeader, framesWritten))) {
-        Set(error, SysError(path_, "cannot update the clip header"));
+        Fail(error, SysError(path_, "cannot update the clip header"));
         return false;
     }
     return true;
@@ -579,15 +575,15 @@ bool WriteAppInfo(const std::string& path, const std::uint8_t block[256], std::s
 {
     const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) {
-        Set(error, SysError(path, "cannot open the clip"));
+        Fail(error, SysError(path, "cannot open the clip"));
         return false;
     }
     ClipHeader h;
     bool ok = ReadAllAt(fd, &h, sizeof h, 0) && std::memcmp(h.magic, kClipMagic, 4) == 0 &&
               h.appInfoOffset == kAppInfoOffset;
-    if (!ok) Set(error, path + ": not a clip file (no ZUB0 header)");
+    if (!ok) Fail(error, path + ": not a clip file (no ZUB0 header)");
     if (ok && !WriteAllAt(fd, block, 256, kAppInfoOffset)) {
-        Set(error, SysError(path, "cannot write the information block"));
+        Fail(error, SysError(path, "cannot write the information block"));
         ok = false;
     }
     ::close(fd);
@@ -607,22 +603,22 @@ std::unique_ptr<ClipReader> ClipReader::Open(const std::string& path, std::strin
     r->path_ = path;
     r->fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (r->fd_ < 0) {
-        Set(error, SysError(path, "cannot open"));
+        Fail(error, SysError(path, "cannot open"));
         return nullptr;
     }
     struct stat st {};
     if (::fstat(r->fd_, &st) != 0 || !S_ISREG(st.st_mode)) {
-        Set(error, path + ": not a regular file");
+        Fail(error, path + ": not a regular file");
         return nullptr;
     }
     r->fileBytes_ = static_cast<std::uint64_t>(st.st_size);
     ClipHeader& h = r->header_;
     if (r->fileBytes_ < kIndexOffset || !ReadAllAt(r->fd_, &h, sizeof h, 0) || std::memcmp(h.magic, kClipMagic, 4) != 0) {
-        Set(error, path + ": not a clip file (no ZUB0 header)");
+        Fail(error, path + ": not a clip file (no ZUB0 header)");
         return nullptr;
     }
     auto bad = [&](const std::string& why) {
-        Set(error, path + ": damaged clip header: " + why);
+        Fail(error, path + ": damaged clip header: " + why);
         return nullptr;
     };
     if (h.headerBytes != sizeof(ClipHeader) || h.version != kClipVersion) return bad("unknown version");
@@ -680,7 +676,7 @@ bool ClipReader::ReadStored(Track t, std::uint32_t frame, std::vector<std::uint8
 {
     IndexEntry e;
     if (!Entry(t, frame, e)) {
-        Set(error, path_ + ": frame " + std::to_string(frame) + " of the " + (t == kVideo ? "video" : "alpha") +
+        Fail(error, path_ + ": frame " + std::to_string(frame) + " of the " + (t == kVideo ? "video" : "alpha") +
                        " track was never written whole");
         return false;
     }
@@ -690,7 +686,7 @@ bool ClipReader::ReadStored(Track t, std::uint32_t frame, std::vector<std::uint8
     f1.resize(e.field1);
     f2.resize(e.field2);
     if (!ReadAllAt(fd_, f1.data(), f1.size(), at) || (e.field2 && !ReadAllAt(fd_, f2.data(), f2.size(), at + slot / 2))) {
-        Set(error, path_ + ": frame " + std::to_string(frame) + " cannot be read");
+        Fail(error, path_ + ": frame " + std::to_string(frame) + " cannot be read");
         return false;
     }
     return true;
@@ -714,7 +710,7 @@ bool ClipReader::Decode(Track t, std::uint32_t frame, std::vector<std::uint8_t>&
     }
     TjPtr tj(tjInitDecompress());
     if (!tj) {
-        Set(error, std::string("TurboJPEG: ") + tjGetErrorStr2(nullptr));
+        Fail(error, std::string("TurboJPEG: ") + tjGetErrorStr2(nullptr));
         return false;
     }
     for (int field = 0; field < 2; ++field) {
@@ -722,13 +718,13 @@ bool ClipReader::Decode(Track t, std::uint32_t frame, std::vector<std::uint8_t>&
         const int fh = static_cast<int>(FieldHeight(header_.height, field));
         int jw = 0, jh = 0, sub = 0, cs = 0;
         if (tjDecompressHeader3(tj.get(), jpeg.data(), jpeg.size(), &jw, &jh, &sub, &cs) != 0 || jw != w || jh != fh) {
-            Set(error, path_ + ": frame " + std::to_string(frame) + " field " + std::to_string(field + 1) +
+            Fail(error, path_ + ": frame " + std::to_string(frame) + " field " + std::to_string(field + 1) +
                            " is not a " + std::to_string(w) + " x " + std::to_string(fh) + " JPEG");
             return false;
         }
         if (tjDecompress2(tj.get(), jpeg.data(), jpeg.size(), pixels.data() + static_cast<std::ptrdiff_t>(field) * w * bpp,
                           w, 2 * w * bpp, fh, t == kVideo ? TJPF_BGRA : TJPF_GRAY, 0) != 0) {
-            Set(error, path_ + ": frame " + std::to_string(frame) + ": " + tjGetErrorStr2(tj.get()));
+            Fail(error, path_ + ": frame " + std::to_string(frame) + ": " + tjGetErrorStr2(tj.get()));
             return false;
         }
     }

@@ -91,9 +91,11 @@ TEST(Error, MessageNamesTheFileAndTheReason)
     EXPECT_EQ((Error{"/media/a.wav", "cannot open"}).Message(), "/media/a.wav: cannot open");
     EXPECT_EQ((Error{"", "no file name given"}).Message(), "no file name given");
     std::string why = "untouched";
-    EXPECT_FALSE(Fail(&why, {"b.mov", "no video track"}));
+    EXPECT_FALSE(Fail(&why, Error{"b.mov", "no video track"}));
     EXPECT_EQ(why, "b.mov: no video track");
-    EXPECT_FALSE(Fail(nullptr, {"b.mov", "no video track"}));
+    EXPECT_FALSE(Fail(nullptr, Error{"b.mov", "no video track"}));
+    EXPECT_FALSE(Fail(&why, "c.wav: formed below"));
+    EXPECT_EQ(why, "c.wav: formed below");
 }
 
 TEST(Error, LastErrorIsPerLayerAndPerThread)
