@@ -18,15 +18,11 @@ extern "C" {
 }
 
 #include "platform/AvError.h"
+#include "platform/Error.h"
 
 namespace zub::qt {
 
 namespace {
-
-void SetWhy(std::string* why, std::string text)
-{
-    if (why) *why = std::move(text);
-}
 
 // Movie times are 32-bit; a timestamp beyond that range ends the table rather than wrap.
 bool FitsTimeValue(std::int64_t v)
@@ -127,7 +123,7 @@ OSErr Movie::FromFile(const MovieFile& file, std::unique_ptr<Movie>* movie, std:
 OSErr Movie::ImportFile(const FSSpec& spec, std::string* why)
 {
     if (format_) {
-        SetWhy(why, spec.path + ": the movie already holds a file");
+        Fail(why, spec.path + ": the movie already holds a file");
         return paramErr;
     }
     return OpenFormat(spec.path, false, why);
@@ -139,18 +135,18 @@ OSErr Movie::OpenFormat(const std::string& path, bool movieOnly, std::string* wh
     AVFormatContext* raw = nullptr;
     int err = avformat_open_input(&raw, path.c_str(), nullptr, nullptr);
     if (err < 0) {
-        SetWhy(why, path + ": cannot open: " + AvError(err));
+        Fail(why, path + ": cannot open: " + AvError(err));
         return err == AVERROR(ENOENT) ? fnfErr : couldNotResolveDataRef;
     }
     format_.reset(raw);
     if (movieOnly && !IsMovDemuxer(format_->iformat)) {
-        SetWhy(why, path + ": not a QuickTime or MPEG-4 movie (" + format_->iformat->name + ")");
+        Fail(why, path + ": not a QuickTime or MPEG-4 movie (" + format_->iformat->name + ")");
         format_.reset();
         return invalidMovie;
     }
     err = avformat_find_stream_info(format_.get(), nullptr);
     if (err < 0) {
-        SetWhy(why, path + ": cannot read the movie's tracks: " + AvError(err));
+        Fail(why, path + ": cannot read the movie's tracks: " + AvError(err));
         format_.reset();
         return invalidMovie;
     }
@@ -226,7 +222,7 @@ bool Movie::RestartVideo(std::string* why)
     if (!videoCodec_) {
         const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
         if (!codec) {
-            SetWhy(why, path_ + ": no decoder for video codec " + avcodec_get_name(st->codecpar->codec_id));
+            Fail(why, path_ + ": no decoder for video codec " + avcodec_get_name(st->codecpar->codec_id));
             return false;
         }
         videoCodec_.reset(avcodec_alloc_context3(codec));
@@ -234,7 +230,7 @@ bool Movie::RestartVideo(std::string* why)
         shown_.reset(av_frame_alloc());
         packet_.reset(av_packet_alloc());
         if (!videoCodec_ || !decoded_ || !shown_ || !packet_) {
-            SetWhy(why, path_ + ": out of memory");
+            Fail(why, path_ + ": out of memory");
             return false;
         }
         int err = avcodec_parameters_to_context(videoCodec_.get(), st->codecpar);
@@ -244,7 +240,7 @@ bool Movie::RestartVideo(std::string* why)
             err = avcodec_open2(videoCodec_.get(), codec, nullptr);
         }
         if (err < 0) {
-            SetWhy(why, path_ + ": cannot open the video decoder: " + AvError(err));
+            Fail(why, path_ + ": cannot open the video decoder: " + AvError(err));
             videoCodec_.reset();
             return false;
         }
@@ -253,7 +249,7 @@ bool Movie::RestartVideo(std::string* why)
     } else {
         const int err = av_seek_frame(format_.get(), videoStream_, firstStamp_, AVSEEK_FLAG_BACKWARD);
         if (err < 0) {
-            SetWhy(why, path_ + ": cannot go back to the first frame: " + AvError(err));
+            Fail(why, path_ + ": cannot go back to the first frame: " + AvError(err));
             return false;
         }
         avcodec_flush_buffers(videoCodec_.get());
@@ -288,13 +284,13 @@ bool Movie::DecodeOrdinal(std::size_t ordinal, std::string* why)
         }
         if (err == AVERROR_INVALIDDATA) continue;  // a damaged frame: the last good one stays
         if (err != AVERROR(EAGAIN)) {
-            SetWhy(why, path_ + ": video decoding failed: " + AvError(err));
+            Fail(why, path_ + ": video decoding failed: " + AvError(err));
             return false;
         }
         if (demuxEnded_) {
             err = avcodec_send_packet(videoCodec_.get(), nullptr);
             if (err < 0 && err != AVERROR_EOF) {
-                SetWhy(why, path_ + ": video decoding failed: " + AvError(err));
+                Fail(why, path_ + ": video decoding failed: " + AvError(err));
                 return false;
             }
             continue;
@@ -302,7 +298,7 @@ bool Movie::DecodeOrdinal(std::size_t ordinal, std::string* why)
         err = av_read_frame(format_.get(), packet_.get());
         if (err < 0) {
             if (err != AVERROR_EOF && !avio_feof(format_->pb)) {
-                SetWhy(why, path_ + ": cannot read the video track: " + AvError(err));
+                Fail(why, path_ + ": cannot read the video track: " + AvError(err));
                 return false;
             }
             demuxEnded_ = true;
@@ -313,7 +309,7 @@ bool Movie::DecodeOrdinal(std::size_t ordinal, std::string* why)
             // A damaged sample is skipped; the frames around it still come out.
             if (err < 0 && err != AVERROR(EAGAIN) && err != AVERROR_INVALIDDATA) {
                 av_packet_unref(packet_.get());
-                SetWhy(why, path_ + ": video decoding failed: " + AvError(err));
+                Fail(why, path_ + ": video decoding failed: " + AvError(err));
                 return false;
             }
         }
@@ -321,7 +317,7 @@ bool Movie::DecodeOrdinal(std::size_t ordinal, std::string* why)
     }
     // Past the last decodable frame the last one stays on screen.
     if (!haveShown_) {
-        SetWhy(why, path_ + ": no video frame could be decoded");
+        Fail(why, path_ + ": no video frame could be decoded");
         return false;
     }
     return true;
@@ -330,11 +326,11 @@ bool Movie::DecodeOrdinal(std::size_t ordinal, std::string* why)
 OSErr Movie::Draw(std::string* why)
 {
     if (!format_ || videoStream_ < 0 || videoTimes_.empty()) {
-        SetWhy(why, path_ + ": the movie has no video");
+        Fail(why, path_ + ": the movie has no video");
         return invalidTrack;
     }
     if (!world_ || !world_->bits) {
-        SetWhy(why, path_ + ": the movie has nowhere to draw");
+        Fail(why, path_ + ": the movie has nowhere to draw");
         return paramErr;
     }
     if (!DecodeOrdinal(OrdinalAt(time_), why)) return badImageDescription;
@@ -345,7 +341,7 @@ OSErr Movie::Draw(std::string* why)
                                     world_->width, world_->height, AV_PIX_FMT_BGR24, SWS_BICUBIC, nullptr, nullptr,
                                     nullptr));
     if (!sws_) {
-        SetWhy(why, path_ + ": cannot convert frames of pixel format " +
+        Fail(why, path_ + ": cannot convert frames of pixel format " +
                         (av_get_pix_fmt_name(static_cast<AVPixelFormat>(f->format))
                              ? av_get_pix_fmt_name(static_cast<AVPixelFormat>(f->format))
                              : "unknown"));
@@ -355,7 +351,7 @@ OSErr Movie::Draw(std::string* why)
     int dstStride[4] = {static_cast<int>(world_->stride), 0, 0, 0};
     const int rows = sws_scale(sws_.get(), f->data, f->linesize, 0, f->height, dst, dstStride);
     if (rows != world_->height) {
-        SetWhy(why, path_ + ": frame conversion failed");
+        Fail(why, path_ + ": frame conversion failed");
         return badImageDescription;
     }
     return noErr;
@@ -456,12 +452,12 @@ OSErr Media::SampleDescription(int index, SoundDescription* desc, std::string* w
     const AVCodecParameters* p = st->codecpar;
     if (index != 1 || p->codec_type != AVMEDIA_TYPE_AUDIO) return invalidMedia;
     if (p->sample_rate <= 0 || p->sample_rate > 0xFFFF) {
-        SetWhy(why, movie_->Path() + ": sound rate " + std::to_string(p->sample_rate) +
+        Fail(why, movie_->Path() + ": sound rate " + std::to_string(p->sample_rate) +
                         " Hz does not fit a sound description");
         return badFormat;
     }
     if (p->ch_layout.nb_channels <= 0 || p->ch_layout.nb_channels > 0x7FFF) {
-        SetWhy(why, movie_->Path() + ": sound track has " + std::to_string(p->ch_layout.nb_channels) + " channels");
+        Fail(why, movie_->Path() + ": sound track has " + std::to_string(p->ch_layout.nb_channels) + " channels");
         return badFormat;
     }
     desc->dataFormat = FormatOfCodec(p, IsMovDemuxer(movie_->Format()->iformat));
@@ -514,7 +510,7 @@ bool Media::ReadPacket(std::string* why)
         const int err = av_read_frame(fc, packet_.get());
         if (err < 0) {
             ended_ = true;
-            if (err != AVERROR_EOF && !avio_feof(fc->pb)) SetWhy(why, movie_->Path() + ": cannot read sound: " + AvError(err));
+            if (err != AVERROR_EOF && !avio_feof(fc->pb)) Fail(why, movie_->Path() + ": cannot read sound: " + AvError(err));
             return false;
         }
         if (packet_->stream_index == stream_) return true;
@@ -531,7 +527,7 @@ OSErr Media::GetSample(TimeValue time, std::vector<std::uint8_t>* block, std::si
     if (time != nextTime_) {
         const std::int64_t ts = av_rescale_q(time, mediaBase, st->time_base) + (haveFirst_ ? firstPts_ : 0);
         if (av_seek_frame(fc, stream_, ts, AVSEEK_FLAG_BACKWARD) < 0) {
-            SetWhy(why, movie_->Path() + ": cannot seek the sound track");
+            Fail(why, movie_->Path() + ": cannot seek the sound track");
             return noSoundTrackInMovieErr;
         }
         ended_ = false;
@@ -540,7 +536,7 @@ OSErr Media::GetSample(TimeValue time, std::vector<std::uint8_t>* block, std::si
     const AVPacket* pkt = packet_.get();
     if (pkt->size <= 0) return notEnoughDataErr;
     if (static_cast<std::size_t>(pkt->size) > maxSizeToGrow) {
-        SetWhy(why, movie_->Path() + ": a sound sample of " + std::to_string(pkt->size) + " bytes exceeds the source block");
+        Fail(why, movie_->Path() + ": a sound sample of " + std::to_string(pkt->size) + " bytes exceeds the source block");
         return maxSizeToGrowTooSmall;
     }
     block->assign(pkt->data, pkt->data + pkt->size);
