@@ -6,14 +6,11 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/ByteOrder.h"
+
 namespace zub::imaging {
 
 namespace {
-
-unsigned Le16(const std::uint8_t* p)
-{
-    return static_cast<unsigned>(p[0]) | (static_cast<unsigned>(p[1]) << 8);
-}
 
 FastResult Failed(std::string* error, std::string why)
 {
@@ -28,7 +25,7 @@ int AlphaType(const std::uint8_t* data, std::size_t size)
     static const char kSignature[] = "TRUEVISION-XFILE.";
     if (size < 18 + 26 || std::memcmp(data + size - 18, kSignature, 18) != 0) return -1;
     const std::uint8_t* footer = data + size - 26;
-    const std::uint32_t ext = footer[0] | (footer[1] << 8) | (footer[2] << 16) | (std::uint32_t(footer[3]) << 24);
+    const std::uint32_t ext = ReadLe32(footer);
     if (ext == 0 || ext + 495 > size - 26) return -1;
     return data[ext + 494];
 }
@@ -39,8 +36,8 @@ FastResult DecodeTga(const std::uint8_t* data, std::size_t size, const FastAlloc
 {
     if (size < 18) return FastResult::NotMine;
     const unsigned idLength = data[0], mapType = data[1], type = data[2];
-    const unsigned mapLength = Le16(data + 5), mapDepth = data[7];
-    const int width = static_cast<int>(Le16(data + 12)), height = static_cast<int>(Le16(data + 14));
+    const unsigned mapLength = ReadLe16(data + 5), mapDepth = data[7];
+    const int width = static_cast<int>(ReadLe16(data + 12)), height = static_cast<int>(ReadLe16(data + 14));
     const unsigned depth = data[16], descriptor = data[17];
     if ((type != 2 && type != 10) || mapType > 1 || (depth != 24 && depth != 32)) return FastResult::NotMine;
     if (descriptor & 0x10) return FastResult::NotMine;  // right to left
