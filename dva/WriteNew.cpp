@@ -13,6 +13,7 @@
 #include "dva/DvaChunk.h"
 #include "dva/DvaDevice.h"
 #include "platform/ByteOrder.h"
+#include "platform/FileIo.h"
 #include "zubimport/Dva.h"
 
 namespace zub {
@@ -39,30 +40,13 @@ public:
     bool IsOpen() const { return fd_ >= 0; }
     bool ReadAt(off_t pos, void* buf, std::size_t n)
     {
-        auto* p = static_cast<char*>(buf);
-        while (n) {
-            const ssize_t got = ::pread(fd_, p, n, pos);
-            if (got < 0 && errno == EINTR) continue;
-            if (got < 0) return Fail("read failed");
-            if (got == 0) return FailWith(path_, "file is shorter than a WAVE header");
-            p += got;
-            pos += got;
-            n -= static_cast<std::size_t>(got);
-        }
-        return true;
+        bool end = false;
+        if (ReadAllAt(fd_, buf, n, static_cast<std::uint64_t>(pos), &end)) return true;
+        return end ? FailWith(path_, "file is shorter than a WAVE header") : Fail("read failed");
     }
     bool WriteAt(off_t pos, const void* buf, std::size_t n)
     {
-        auto* p = static_cast<const char*>(buf);
-        while (n) {
-            const ssize_t put = ::pwrite(fd_, p, n, pos);
-            if (put < 0 && errno == EINTR) continue;
-            if (put <= 0) return Fail("write failed");
-            p += put;
-            pos += put;
-            n -= static_cast<std::size_t>(put);
-        }
-        return true;
+        return WriteAllAt(fd_, buf, n, static_cast<std::uint64_t>(pos)) || Fail("write failed");
     }
     bool Size(off_t& size)
     {
