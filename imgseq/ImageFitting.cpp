@@ -193,25 +193,11 @@ bool DescribeImageFile(const std::string& path, ImageFileInfo& info, std::string
 bool ReadImageFile(const std::string& path, Image& image, std::string* error)
 {
     image.Release();
-    if (!IsReadableImageName(path))
-        return Fail(error, path + ": not a readable image type (extension '" + ExtensionPart(path) + "')");
-
-    std::ifstream in(path, std::ios::binary | std::ios::ate);
-    if (!in) return Fail(error, path + ": cannot open: " + std::strerror(errno));
-    const std::streamoff length = in.tellg();
-    if (length < 0) return Fail(error, path + ": cannot tell its size");
-    if (static_cast<std::uintmax_t>(length) > kMaxFileBytes) return Fail(error, path + ": file too large");
     // Kept between frames: a fresh multi-megabyte block per frame costs more in page faults
     // than the decode itself.
     thread_local std::vector<std::uint8_t> bytes;
-    try {
-        if (bytes.size() < static_cast<std::size_t>(length)) bytes.resize(static_cast<std::size_t>(length));
-    } catch (const std::bad_alloc&) {
-        return Fail(error, path + ": no memory to read the file");
-    }
-    in.seekg(0);
-    if (!in.read(reinterpret_cast<char*>(bytes.data()), length))
-        return Fail(error, path + ": short read");
+    std::size_t length = 0;
+    if (!ReadWholeFile(path, bytes, length, error)) return false;
 
     std::string why;
     const ZubImagingApi* api = ImagingLibrary(&why);
@@ -225,7 +211,7 @@ bool ReadImageFile(const std::string& path, Image& image, std::string* error)
         return img->Allocate(w, h, 32, false) ? img->Data() : nullptr;
     };
     char message[1024] = {};
-    if (!api->decode(path.c_str(), bytes.data(), static_cast<std::size_t>(length), alloc, &target, message,
+    if (!api->decode(path.c_str(), bytes.data(), length, alloc, &target, message,
                      sizeof message)) {
         if (bytes.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(bytes);
         image.Release();
