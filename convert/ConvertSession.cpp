@@ -357,15 +357,18 @@ void ConvertSession::SetClipName(const std::string& name)
 void ConvertSession::SetVideoChecked(bool on)
 {
     view_.videoChecked = on && view_.videoEnabled;
-    view_.dvaEnabled = view_.videoChecked && view_.audioChecked;
-    UpdateTargets();
-    view_.convertEnabled = view_.videoChecked || view_.audioChecked;
-    Changed();
+    StreamChoiceChanged();
 }
 
 void ConvertSession::SetAudioChecked(bool on)
 {
     view_.audioChecked = on && view_.audioEnabled;
+    StreamChoiceChanged();
+}
+
+// dva needs both streams; Convert needs one.
+void ConvertSession::StreamChoiceChanged()
+{
     view_.dvaEnabled = view_.videoChecked && view_.audioChecked;
     UpdateTargets();
     view_.convertEnabled = view_.videoChecked || view_.audioChecked;

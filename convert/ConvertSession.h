@@ -146,6 +146,7 @@ private:
     void FinishJob(std::unique_ptr<FrameJob> job);
     void End(int code);
     void UpdateTargets();
+    void StreamChoiceChanged();
     bool FormTarget(const std::string& dir, const char* ext, std::string& path);
     bool PrepareTarget(std::string& path);
     bool SetUpFramePath();
