@@ -398,12 +398,13 @@ void Resize(const uint8_t* src, int sw, int sh, int sstride, uint8_t* dst, int d
     }
 }
 
-int DecodeEntry(const char* path, const uint8_t* data, size_t size, ZubImagingAllocFn alloc, void* context,
-                char* error, size_t errorSize)
+// Runs one file entry's work and answers the C ABI: 1, or 0 with the reason, naming the file,
+// copied into the caller's buffer. Nothing thrown crosses the library's edge.
+template <class Work>
+int AnswerForFile(const char* path, const char* lastResort, char* error, size_t errorSize, Work&& work)
 {
     try {
-        if (!path || !alloc || (!data && size)) Fail("decode: missing argument");
-        Decode(path, data, size, alloc, context);
+        work();
         return 1;
     } catch (const Failure& f) {
         CopyMessage(f.message, error, errorSize);
@@ -412,9 +413,18 @@ int DecodeEntry(const char* path, const uint8_t* data, size_t size, ZubImagingAl
     } catch (const std::exception& e) {
         CopyMessage(std::string(path ? path : "") + ": " + e.what(), error, errorSize);
     } catch (...) {
-        CopyMessage(std::string(path ? path : "") + ": decoder failed", error, errorSize);
+        CopyMessage(std::string(path ? path : "") + ": " + lastResort, error, errorSize);
     }
     return 0;
+}
+
+int DecodeEntry(const char* path, const uint8_t* data, size_t size, ZubImagingAllocFn alloc, void* context,
+                char* error, size_t errorSize)
+{
+    return AnswerForFile(path, "decoder failed", error, errorSize, [&] {
+        if (!path || !alloc || (!data && size)) Fail("decode: missing argument");
+        Decode(path, data, size, alloc, context);
+    });
 }
 
 int ResizeEntry(const uint8_t* src, int32_t sw, int32_t sh, int32_t sstride, uint8_t* dst, int32_t dw, int32_t dh,
@@ -481,20 +491,10 @@ void Describe(const char* path, const uint8_t* data, std::size_t size, int32_t* 
 int DescribeEntry(const char* path, const uint8_t* data, size_t size, int32_t* w, int32_t* h, int32_t* channels,
                   int32_t* bits, char* error, size_t errorSize)
 {
-    try {
+    return AnswerForFile(path, "reader failed", error, errorSize, [&] {
         if (!path || (!data && size) || !w || !h || !channels || !bits) Fail("describe: missing argument");
         Describe(path, data, size, w, h, channels, bits);
-        return 1;
-    } catch (const Failure& f) {
-        CopyMessage(f.message, error, errorSize);
-    } catch (const std::bad_alloc&) {
-        CopyMessage(std::string(path ? path : "") + ": out of memory", error, errorSize);
-    } catch (const std::exception& e) {
-        CopyMessage(std::string(path ? path : "") + ": " + e.what(), error, errorSize);
-    } catch (...) {
-        CopyMessage(std::string(path ? path : "") + ": reader failed", error, errorSize);
-    }
-    return 0;
+    });
 }
 
 const ZubImagingApi kApi = {ZUB_IMAGING_API_VERSION, DecodeEntry, ResizeEntry, DescribeEntry};
