@@ -10,7 +10,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static const std::string path = [] {
-        std::string p = "/tmp/zubfuzz-profile-XXXXXX";
+        const char* tmp = std::getenv("TMPDIR");
+        std::string p = std::string(tmp && *tmp ? tmp : "/tmp") + "/zubfuzz-profile-XXXXXX";
         const int fd = mkstemp(p.data());
         if (fd < 0) std::abort();
         close(fd);
