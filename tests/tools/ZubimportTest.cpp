@@ -487,10 +487,18 @@ protected:
     {
         if (std::system("command -v xvfb-run >/dev/null 2>&1") != 0) GTEST_SKIP() << "xvfb-run is not installed";
     }
+    // xvfb-run replaces the program's status with its own when it fails to clean up its
+    // scratch folder (seen when several run at once), so the host's status is passed on
+    // through standard error and taken from there.
     ProcessResult Gui(std::vector<std::string> args)
     {
         args.insert(args.begin(), "gui");
-        return box.RunUnder({"timeout", "120", "xvfb-run", "-a", "-s", "-screen 0 1024x768x24"}, args, {{"QT_QPA_PLATFORM", "xcb"}});
+        ProcessResult r = box.RunUnder({"timeout", "120", "xvfb-run", "-a", "-s", "-screen 0 1024x768x24", "sh", "-c",
+                                        "\"$@\"; echo \"host-exit=$?\" >&2", "sh"},
+                                       args, {{"QT_QPA_PLATFORM", "xcb"}});
+        const auto at = r.err.rfind("host-exit=");
+        if (at != std::string::npos) r.exit = std::atoi(r.err.c_str() + at + 10);
+        return r;
     }
 };
 
