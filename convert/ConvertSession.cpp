@@ -1076,6 +1076,9 @@ void ConvertSession::WriteDva()
 void ConvertSession::CompletionStep()
 {
     if (inActionTimer_ || ended_) return;
+    // An abort that waited for frames in flight is carried out before the end is judged, so a
+    // source that runs out meanwhile cannot turn it into a normal finish.
+    if (pendingAbort_ && !abortRequested_ && PipelineIdle()) OnConvertAbort();
     inActionTimer_ = 1;
     CRecorderDeviceInfo& rec = TheRecorder();
 
@@ -1305,6 +1308,8 @@ void ConvertSession::OnCancel()
         abortRequested_ = 1;
     } else {
         pendingAbort_ = a == Answer::Yes ? -1 : 1;
+        // The frame may have left between the two looks; then nobody else will carry it out.
+        if (!callbackBusy_) Post(kEvConvertAbort);
     }
 }
 
