@@ -1,6 +1,7 @@
 #include "quicktime/QuickTimeSource.h"
 
 #include <algorithm>
+#include <limits>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -208,7 +209,12 @@ bool SoundSource(ExtendedSoundComponentData** data, void* refCon)
             rec.desc.buffer = nullptr;
             rec.bufferSize = 0;
         } else {
-            fill->currentTime = s.sampleTime + s.durationPerSample * static_cast<TimeValue>(s.numberOfSamples);
+            // A damaged table can put the next time past what the time type holds: that ends
+            // the sound instead of wrapping back to its start.
+            const std::int64_t next = static_cast<std::int64_t>(s.sampleTime) +
+                                      static_cast<std::int64_t>(s.durationPerSample) * static_cast<std::int64_t>(s.numberOfSamples);
+            if (next > std::numeric_limits<TimeValue>::max() || next <= s.sampleTime) fill->moreSource = false;
+            fill->currentTime = static_cast<TimeValue>(std::clamp<std::int64_t>(next, 0, std::numeric_limits<TimeValue>::max()));
             rec.desc.sampleCount = static_cast<std::int32_t>(s.numberOfSamples * s.durationPerSample);
             rec.desc.buffer = fill->sourceBlock->data();
             rec.bufferSize = static_cast<std::int32_t>(s.size);
@@ -294,6 +300,12 @@ bool CQuickTimeAudioSource::Open(const char* path)
         return Fail(err, why.empty() ? sourcePath_ + ": unreadable sound description" : why);
     std::vector<std::uint8_t> atom;
     const bool haveAtom = media_->SoundDescriptionExtension(siDecompressionParams, &atom) == noErr;
+
+    // The source buffer is sized from the description: a damaged one claiming thousands of
+    // channels would ask for gigabytes before anything else looked at it.
+    if (sourceDesc_.numChannels < 1 || sourceDesc_.numChannels > kMaxSoundChannels)
+        return Fail(badFormat, sourcePath_ + ": the sound description claims " + std::to_string(sourceDesc_.numChannels) +
+                                   " channels (1 to " + std::to_string(kMaxSoundChannels) + " are read)");
 
     SoundComponentData input{};
     input.format = sourceDesc_.dataFormat;

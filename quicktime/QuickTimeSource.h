@@ -122,6 +122,9 @@ struct SoundFillRecord {
     std::string* error = nullptr;  // a failed media read leaves its reason here
 };
 
+// The most channels a sound description may claim and still be read.
+inline constexpr int kMaxSoundChannels = 64;
+
 class CQuickTimeAudioSource {
 public:
     static constexpr std::uint32_t kOutputBufferBytes = 65536;

@@ -742,3 +742,31 @@ TEST(PassThroughSoundConverter, ExchangesSixteenBitPairsAndReportsTheRecordsFram
 
 }  // namespace
 }  // namespace zub
+
+TEST(QuickTimeAudio, ADescriptionClaimingThousandsOfChannelsIsRefusedBeforeAnyBufferIsSized)
+{
+    zub::test::TempDir dir;
+    const std::string path = zub::MakePreset(dir, "mov_twos");
+    ASSERT_FALSE(path.empty());
+    std::string bytes;
+    {
+        std::ifstream in(path, std::ios::binary);
+        bytes.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    // The channel count of the 'twos' sample description: past the entry's format, 6 reserved
+    // bytes, the data reference, version, revision and vendor.
+    const auto at = bytes.find("twos");
+    ASSERT_NE(at, std::string::npos);
+    ASSERT_EQ(bytes[at + 20], 0);
+    ASSERT_EQ(bytes[at + 21], 2);
+    bytes[at + 20] = static_cast<char>(0x5C);
+    bytes[at + 21] = static_cast<char>(0xE4);  // 23,780 channels
+    {
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out << bytes;
+    }
+    zub::CQuickTimeAudioSource audio;
+    EXPECT_FALSE(audio.Open(path.c_str()));
+    EXPECT_NE(audio.LastError().find(path), std::string::npos) << audio.LastError();
+    EXPECT_NE(audio.LastError().find("channels"), std::string::npos) << audio.LastError();
+}
