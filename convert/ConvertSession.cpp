@@ -680,19 +680,8 @@ int ConvertSession::TakeFrame(const VideoSample& sample)
     if (sample.planar) {
         // Converted and scaled in one pass straight into the frame: no fitting step left.
         std::string why;
-        if (!scaler_.Scale(sample, placement_, SplitFitWord(fitWord_).method, frame_, job->holder, &why)) {
-            errorFlag_ = 1;
-            Post(kEvConvertError);
-            FinishJob(std::move(job));
-            return 0;
-        }
-        job->index = accepted_.fetch_add(1);
-        {
-            std::lock_guard<std::mutex> lock(pipeMutex_);
-            toImport_.push_back(std::move(job));
-        }
-        pipeCv_.notify_all();
-        return errorFlag_ ? 0 : 1;
+        const bool scaled = scaler_.Scale(sample, placement_, SplitFitWord(fitWord_).method, frame_, job->holder, &why);
+        return Enqueue(std::move(job), scaled, toImport_);
     }
 
     // The 24-bit rows carry the bitmap padding to 4 bytes; 32-bit rows are copied as they are.
@@ -717,6 +706,13 @@ int ConvertSession::TakeFrame(const VideoSample& sample)
         for (int y = 0; y < sample.height; ++y)
             std::memcpy(img.Row(y), sample.data + sample.stride * y, static_cast<std::size_t>(sample.width) * 4);
     }
+    return Enqueue(std::move(job), taken, toFit_);
+}
+
+// A taken frame gets its place in the clip and goes to its next stage; one that could not be
+// taken is an error and leaves the pipeline.
+int ConvertSession::Enqueue(std::unique_ptr<FrameJob> job, bool taken, std::deque<std::unique_ptr<FrameJob>>& stage)
+{
     if (!taken) {
         errorFlag_ = 1;
         Post(kEvConvertError);
@@ -726,7 +722,7 @@ int ConvertSession::TakeFrame(const VideoSample& sample)
     job->index = accepted_.fetch_add(1);
     {
         std::lock_guard<std::mutex> lock(pipeMutex_);
-        toFit_.push_back(std::move(job));
+        stage.push_back(std::move(job));
     }
     pipeCv_.notify_all();
     return errorFlag_ ? 0 : 1;

@@ -144,6 +144,7 @@ private:
     void FitWorker();
     void ImportWorker();
     void FinishJob(std::unique_ptr<FrameJob> job);
+    int Enqueue(std::unique_ptr<FrameJob> job, bool taken, std::deque<std::unique_ptr<FrameJob>>& stage);
     void End(int code);
     void UpdateTargets();
     void StreamChoiceChanged();
