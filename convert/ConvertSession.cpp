@@ -830,20 +830,27 @@ bool ConvertSession::FitAndPack(Image& image, FrameHolder& holder)
     return false;
 }
 
-int ConvertSession::ImportPacked(const FrameHolder& holder, unsigned index)
+// The record of one frame for the recorder: the clip's items and rates as Convert fixed them.
+FrameImport ConvertSession::ImportRecord(unsigned index, const void* data, FrameSource source) const
 {
     FrameImport f;
     f.videoItem = videoItem_;
     f.alphaItem = alphaItem_;
     f.frame = static_cast<std::int32_t>(index);
-    f.data = holder.Block();
-    f.source = FrameSource::Pipeline;
+    f.data = data;
+    f.source = source;
     f.videoRate = videoRate_;
     f.alphaRate = alphaRate_;
     f.videoType = VideoTypeFor(videoUncompressed_ != 0);
     f.alphaType = AlphaTypeFor(createAlpha_, alphaSame_, alphaUncompressed_ != 0, videoUncompressed_ != 0);
     f.videoOption = videoOption_;
     f.alphaOption = alphaOption_;
+    return f;
+}
+
+int ConvertSession::ImportPacked(const FrameHolder& holder, unsigned index)
+{
+    const FrameImport f = ImportRecord(index, holder.Block(), FrameSource::Pipeline);
     CRecorderDeviceInfo& rec = TheRecorder();
     if (!rec.ImportFrame(f)) {
         errorFlag_ = 1;
@@ -991,18 +998,7 @@ int ConvertSession::ServerVideoCompressFrame(std::uint8_t* data)
 
     const FrameSource kind =
         dlg_.serverMode_ ? FrameSource::Server : (depth == 24 ? FrameSource::Bits24 : FrameSource::Pipeline);
-    FrameImport f;
-    f.videoItem = videoItem_;
-    f.alphaItem = alphaItem_;
-    f.frame = static_cast<std::int32_t>(done);
-    f.data = serverBuffer_.data();
-    f.source = kind;
-    f.videoRate = videoRate_;
-    f.alphaRate = alphaRate_;
-    f.videoType = VideoTypeFor(videoUncompressed_ != 0);
-    f.alphaType = AlphaTypeFor(createAlpha_, alphaSame_, alphaUncompressed_ != 0, videoUncompressed_ != 0);
-    f.videoOption = videoOption_;
-    f.alphaOption = alphaOption_;
+    const FrameImport f = ImportRecord(done, serverBuffer_.data(), kind);
     CRecorderDeviceInfo& rec = TheRecorder();
     if (!rec.ImportFrame(f)) {
         errorFlag_ = 1;

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "convert/FrameScaler.h"
+#include "device/RecorderDevice.h"
 #include "graph/GraphVideoReader.h"
 #include "imgseq/ImageFitting.h"
 #include "zubimport/ConvertDlg.h"
@@ -129,6 +130,7 @@ private:
     int TakeFrame(const VideoSample& sample);
     bool FitAndPack(Image& image, FrameHolder& holder);
     int ImportPacked(const FrameHolder& holder, unsigned index);
+    FrameImport ImportRecord(unsigned index, const void* data, FrameSource source) const;
 
     // The graph route's frames go through two workers, fitting and importing, so decoding,
     // scaling and compressing overlap on separate cores; one worker per stage keeps the order.
