@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "ScratchVolume.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 #include "Tool.h"
@@ -126,24 +127,8 @@ class ConvertTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        setenv(kRecorderDirVariable, ZUB_TEST_RECORDER_DIR, 1);
-        setenv("ZUBIMPORT_IMAGING_LIBRARY", ZUB_TEST_IMAGING, 1);
-        setenv("ZUBREC_CONFIG", (vol / "none.ini").c_str(), 1);
-        setenv("ZUBREC_VOLUME", (vol.Path().string() + "/").c_str(), 1);
-        setenv("ZUBREC_LINES", "525", 1);
-        setenv("ZUBREC_MONITOR", "off", 1);
-        unsetenv("ZUBREC_LIMIT");
-        std::filesystem::create_directories(vol / "video");
-        std::filesystem::create_directories(vol / "audio");
         saved = CurrentSettings();
-        ImportSettings& s = CurrentSettings();
-        s = ImportSettings{};
-        s.videoDir = vol / "video/";
-        s.audioDir = vol / "audio/";
-        s.fitWord = MakeFitWord(kFitAll, kAreaNormal, kResizeBiLinear);
-        s.videoDataRate = 3000000;
-        s.makeDva = 0;
-        s.showImagesOnOutput = 0;
+        zub::test::UseScratchVolume(vol, ZUB_TEST_RECORDER_DIR, ZUB_TEST_IMAGING);
     }
     void TearDown() override
     {
