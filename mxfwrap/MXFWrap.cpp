@@ -8,6 +8,7 @@ extern "C" {
 }
 
 #include "platform/AvError.h"
+#include "platform/AvOwner.h"
 #include "platform/Error.h"
 
 #include <stdlib.h>
@@ -25,22 +26,9 @@ namespace {
 // The reason behind the last 0 from G_LaunchMXFUnwrap, per calling thread.
 using Errors = zub::LastError<struct MxfUnwrapErrors>;
 
-struct InputCloser {
-    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
-};
-struct OutputCloser {
-    void operator()(AVFormatContext* c) const
-    {
-        if (c->pb && !(c->oformat->flags & AVFMT_NOFILE)) avio_closep(&c->pb);
-        avformat_free_context(c);
-    }
-};
-struct PacketFree {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-using InputPtr = std::unique_ptr<AVFormatContext, InputCloser>;
-using OutputPtr = std::unique_ptr<AVFormatContext, OutputCloser>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
+using zub::av::InputPtr;
+using zub::av::OutputPtr;
+using zub::av::PacketPtr;
 
 using zub::AvError;
 

@@ -16,45 +16,20 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "platform/AvError.h"
+#include "platform/AvOwner.h"
 #include "tests/support/testmedia/TestMedia.h"
 
 namespace zub::testmedia {
 namespace {
 
-struct OutputDeleter {
-    void operator()(AVFormatContext* oc) const
-    {
-        if (oc->pb && !(oc->oformat->flags & AVFMT_NOFILE)) avio_closep(&oc->pb);
-        avformat_free_context(oc);
-    }
-};
-struct CodecDeleter {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameDeleter {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketDeleter {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct SwsDeleter {
-    void operator()(SwsContext* s) const { sws_freeContext(s); }
-};
-struct DictDeleter {
-    void operator()(AVDictionary* d) const { av_dict_free(&d); }
-};
-using OutputPtr = std::unique_ptr<AVFormatContext, OutputDeleter>;
-using CodecPtr = std::unique_ptr<AVCodecContext, CodecDeleter>;
-using FramePtr = std::unique_ptr<AVFrame, FrameDeleter>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketDeleter>;
-using SwsPtr = std::unique_ptr<SwsContext, SwsDeleter>;
+using av::FramePtr;
+using av::OutputPtr;
+using av::PacketPtr;
+using av::SwsPtr;
+using CodecPtr = av::CodecContextPtr;
 
-std::string AvError(int code)
-{
-    char buf[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(code, buf, sizeof buf);
-    return buf;
-}
+using zub::AvError;
 
 struct VideoChoice {
     const char* encoder;
