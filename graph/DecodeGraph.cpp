@@ -1,4 +1,5 @@
 #include "graph/DecodeGraph.h"
+#include "platform/Error.h"
 
 #include <cstring>
 #include <fstream>
@@ -72,8 +73,7 @@ bool DecodeGraph::Build(const std::string& path, StreamKind kind, ChainBuilder b
     builder_ = std::move(builder);
     std::string why;
     if (!EnsureInitialised(&why)) {
-        if (error) *error = path + ": " + why;
-        return false;
+        return Fail(error, zub::Error{path, why});
     }
     GstElement* pipeline = gst_pipeline_new(nullptr);
     gst_object_ref_sink(pipeline);
@@ -84,25 +84,23 @@ bool DecodeGraph::Build(const std::string& path, StreamKind kind, ChainBuilder b
     if (src) gst_bin_add(GST_BIN(pipeline), src);
     if (dec) gst_bin_add(GST_BIN(pipeline), dec);
     if (!src || !dec) {
-        if (error) *error = path + ": the media framework's element \"" + (src ? "decodebin" : "filesrc") + "\" is missing";
         Shutdown();
-        return false;
+        return Fail(error, zub::Error{path, std::string("the media framework's element \"") +
+                                                (src ? "decodebin" : "filesrc") + "\" is missing"});
     }
     g_object_set(src, "location", path.c_str(), nullptr);
     GstElement* queue = nullptr;
     if (NeedsPushedInput(path)) {
         queue = gst_element_factory_make("queue", nullptr);
         if (!queue) {
-            if (error) *error = path + ": the media framework's element \"queue\" is missing";
             Shutdown();
-            return false;
+            return Fail(error, zub::Error{path, "the media framework's element \"queue\" is missing"});
         }
         gst_bin_add(GST_BIN(pipeline), queue);
     }
     if (queue ? !gst_element_link_many(src, queue, dec, nullptr) : !gst_element_link(src, dec)) {
-        if (error) *error = path + ": cannot link the file source to the decoder";
         Shutdown();
-        return false;
+        return Fail(error, zub::Error{path, "cannot link the file source to the decoder"});
     }
     g_signal_connect(dec, "pad-added", G_CALLBACK(&DecodeGraph::OnPadAdded), this);
     g_signal_connect(dec, "autoplug-continue", G_CALLBACK(&DecodeGraph::OnAutoplugContinue), this);
@@ -188,10 +186,8 @@ bool DecodeGraph::TakeMessage(GstMessage* msg)
 bool DecodeGraph::Preroll(std::string* error)
 {
     auto fail = [&](const std::string& fallback) {
-        std::string why = Error();
-        if (why.empty()) why = path_ + ": " + fallback;
-        if (error) *error = why;
-        return false;
+        const std::string why = Error();
+        return why.empty() ? Fail(error, zub::Error{path_, fallback}) : Fail(error, why);
     };
     if (!pipeline_) return fail("nothing to open");
     HandOver();
@@ -224,9 +220,8 @@ bool DecodeGraph::Play(std::string* error)
     HandOver();
     if (!pipeline_ || gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
         PollEnd();
-        std::string why = Error();
-        if (error) *error = why.empty() ? path_ + ": cannot start decoding" : why;
-        return false;
+        const std::string why = Error();
+        return why.empty() ? Fail(error, zub::Error{path_, "cannot start decoding"}) : Fail(error, why);
     }
     return true;
 }

@@ -1,4 +1,5 @@
 #include "graph/GraphAudioReader.h"
+#include "platform/Error.h"
 
 #include <gst/audio/audio.h>
 
@@ -28,7 +29,7 @@ bool CGraphAudioReader::OpenAudio(const std::string& path, std::string* error)
     error_.clear();
     auto fail = [&](const std::string& why) {
         error_ = why;
-        if (error) *error = why;
+        Fail(error, why);
         Close();
         return false;
     };
@@ -188,7 +189,7 @@ bool CGraphAudioReader::Start(const std::string& wavePath, std::string* error)
 {
     auto fail = [&](const std::string& why) {
         error_ = why;
-        if (error) *error = why;
+        Fail(error, why);
         graph_.reset();  // closes the file before it is removed
         std::error_code ec;
         std::filesystem::remove(wavePath, ec);

@@ -1,4 +1,5 @@
 #include "graph/GraphVideoReader.h"
+#include "platform/Error.h"
 
 #include <gst/app/gstappsink.h>
 #include <gst/video/video.h>
@@ -62,7 +63,7 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
     error_.clear();
     auto fail = [&](const std::string& why) {
         error_ = why;
-        if (error) *error = why;
+        Fail(error, why);
         Close();
         return false;
     };
@@ -322,15 +323,13 @@ int CGraphVideoReader::Emit(GstSample* sample, std::int64_t time, bool repeated)
 bool CGraphVideoReader::Run(std::string* error)
 {
     if (!graph_) {
-        if (error) *error = (path_.empty() ? std::string("video reader") : path_) + ": nothing is open";
-        return false;
+        return Fail(error, zub::Error{path_.empty() ? std::string("video reader") : path_, "nothing is open"});
     }
     std::string why;
     gst::HandOver();
     if (!graph_->Play(&why)) {
         error_ = why;
-        if (error) *error = why;
-        return false;
+        return Fail(error, why);
     }
     return true;
 }
