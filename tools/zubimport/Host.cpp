@@ -1,5 +1,8 @@
 #include "tools/zubimport/Host.h"
 
+#include "platform/ByteOrder.h"
+#include "platform/FileIo.h"
+
 #define SI_NO_CONVERSION
 #define SI_IMPLEMENTATION
 #include <SimpleIni.h>
@@ -174,17 +177,7 @@ bool SaveSettingsFile(const zub::ImportSettings& s, std::string* error)
         if (error) *error = tmp + ": " + std::strerror(errno);
         return false;
     }
-    std::size_t at = 0;
-    bool ok = true;
-    while (at < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + at, text.size() - at);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            ok = false;
-            break;
-        }
-        at += static_cast<std::size_t>(n);
-    }
+    bool ok = zub::WriteAllAt(fd, text.data(), text.size(), 0);
     const int writeErrno = errno;
     if (ok && ::fsync(fd) != 0) ok = false;
     ::fchmod(fd, 0644);
@@ -618,7 +611,8 @@ InterruptWatch::~InterruptWatch()
 
 namespace {
 
-std::uint32_t Le32(const unsigned char* p) { return p[0] | (p[1] << 8) | (p[2] << 16) | (std::uint32_t(p[3]) << 24); }
+using zub::ReadLe16;
+using zub::ReadLe32;
 
 // Walks chunks in [begin, end) of the file; containers (RIFF, LIST) are entered.
 bool FindFormat(std::ifstream& in, std::uint64_t begin, std::uint64_t end, AudioFacts& f, int depth)
@@ -630,16 +624,16 @@ bool FindFormat(std::ifstream& in, std::uint64_t begin, std::uint64_t end, Audio
         in.seekg(static_cast<std::streamoff>(at));
         if (!in.read(reinterpret_cast<char*>(head), 8)) return false;
         const std::string id(reinterpret_cast<char*>(head), 4);
-        const std::uint64_t size = Le32(head + 4);
+        const std::uint64_t size = ReadLe32(head + 4);
         const std::uint64_t body = at + 8;
         if (id == "RIFF" || id == "LIST") {
             if (FindFormat(in, body + 4, std::min(end, body + size), f, depth + 1)) return true;
         } else if (id == "fmt ") {
             unsigned char fmt[16];
             if (size < 16 || !in.read(reinterpret_cast<char*>(fmt), 16)) return false;
-            f.channels = fmt[2] | (fmt[3] << 8);
-            f.rate = static_cast<long>(Le32(fmt + 4));
-            f.bits = fmt[14] | (fmt[15] << 8);
+            f.channels = ReadLe16(fmt + 2);
+            f.rate = static_cast<long>(ReadLe32(fmt + 4));
+            f.bits = ReadLe16(fmt + 14);
             f.ok = true;
         } else if (id == "data") {
             f.dataBytes = size;
