@@ -39,19 +39,19 @@ CMmioFile::~CMmioFile()
 
 bool CMmioFile::Fail(const std::string& what)
 {
-    error_ = (path_.empty() ? std::string("(no file)") : path_) + ": " + what;
+    error_ = zub::Error{path_.empty() ? std::string("(no file)") : path_, what};
     return false;
 }
 
 bool CMmioFile::Open(const char* path, MMIOINFO* info, DWORD flags)
 {
     if (fp_) {
-        error_ = path_ + ": already open";
+        error_ = zub::Error{path_, "already open"};
         if (info) info->wErrorRet = 1;
         return false;
     }
     path_ = path ? path : "";
-    error_.clear();
+    error_ = {};
     pos_ = 0;
     last_ = LastOp::None;
     auto failOpen = [&](const std::string& why) {
@@ -286,7 +286,7 @@ bool CMmioFile::CreateChunk(MMCKINFO& ck, UINT flags)
     ck.dwDataOffset = static_cast<DWORD>(start + 8);
     ck.dwFlags = MMIO_DIRTY;
     if (Write(hdr, len) != len) {
-        const std::string why = error_;
+        const zub::Error why = error_;
         SeekTo(start);
         error_ = why;
         return false;

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <string>
 
+#include "platform/Error.h"
 #include "zubimport/Platform.h"
 
 namespace zub {
@@ -90,7 +91,8 @@ public:
 
     const std::string& Path() const { return path_; }
     // Why the last failing operation failed, naming the file.
-    const std::string& GetError() const { return error_; }
+    // "file: reason" of the last failure; empty when the last open succeeded.
+    std::string GetError() const { return error_.reason.empty() ? std::string() : error_.Message(); }
 
 private:
     bool Fail(const std::string& what);
@@ -102,7 +104,7 @@ private:
 
     std::FILE* fp_ = nullptr;
     std::string path_;
-    std::string error_;
+    zub::Error error_;
     std::int64_t pos_ = 0;
     LastOp last_ = LastOp::None;
     bool canRead_ = false;

@@ -192,7 +192,7 @@ int CDva::WriteNew(const char* dvaFile, const char* videoFile, const char* tapeN
     if (!AppendChunk(path, block, header, entry) || !GrowRiffSize(path)) {
         // The padding is silence and stays; a partial chunk is taken off again so the file
         // is still the plain WAVE it was.
-        const std::string why = LastError();
+        const std::string why = dva::LastError();
         if (::truncate(dvaFile, paddedLength) != 0) SetError(why + "; and the partial chunk could not be removed");
         return 0;
     }
