@@ -36,6 +36,7 @@ extern "C" {
 
 #include "convert/audio/AudioConverter.h"
 #include "convert/audio/PolyphaseResampler.h"
+#include "platform/AvOwner.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 #include "zubimport/Prompt.h"
@@ -159,10 +160,6 @@ void BM_Resample48To44Stereo_Ours(benchmark::State& state)
 }
 BENCHMARK(BM_Resample48To44Stereo_Ours)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
 
-struct SwrFree {
-    void operator()(SwrContext* s) const { swr_free(&s); }
-};
-
 void BM_Resample48To44Stereo_Swresample(benchmark::State& state)
 {
     const auto in = Interleaved48();
@@ -175,7 +172,7 @@ void BM_Resample48To44Stereo_Swresample(benchmark::State& state)
             state.SkipWithError("swr_alloc_set_opts2 failed");
             return;
         }
-        std::unique_ptr<SwrContext, SwrFree> swr(raw);
+        zub::av::SwrPtr swr(raw);
         if (swr_init(swr.get()) < 0) {
             state.SkipWithError("swr_init failed");
             return;
