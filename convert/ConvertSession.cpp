@@ -204,7 +204,8 @@ bool ConvertSession::Init()
 
     // 5. Probe through the graph.
     if (graphUsable_ && !isMov_ && !dlg_.audioOnly_) hasVideo_ = graphVideo_->OpenVideo(src, &why) ? 1 : 0;
-    if (graphUsable_ && !isMov_) hasAudio_ = graphAudio_->OpenAudio(src, &why) ? 1 : 0;
+    std::string audioWhy;
+    if (graphUsable_ && !isMov_) hasAudio_ = graphAudio_->OpenAudio(src, &audioWhy) ? 1 : 0;
 
     // 6. A rate the graph cannot tell leaves the budget to the volume's free space.
     if (hasVideo_ && graphVideo_->TimePerFrame() == 0) Say(kUnknownRate, Buttons::Ok, Icon::Warning, 0, true);
@@ -230,8 +231,10 @@ bool ConvertSession::Init()
         if (!hasAudio_) graphAudio_.reset();
     }
 
-    // 8. Nothing opened.
+    // 8. Nothing opened. The graph's reason for the sound goes to the report first: the
+    // unsupported text names neither the file nor why.
     if (!hasVideo_ && !hasAudio_) {
+        if (!audioWhy.empty()) dlg_.report_.messages.push_back(audioWhy);
         Say(kUnsupported, Buttons::Ok, Icon::Warning, 0, true);
         End(2);
         return false;

@@ -1,16 +1,85 @@
 #include "graph/GraphAudioReader.h"
+#include "platform/ByteOrder.h"
 #include "platform/Error.h"
+#include "platform/FileIo.h"
 
+#include <fcntl.h>
 #include <gst/audio/audio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 #include "graph/DecodeGraph.h"
 #include "graph/GstSupport.h"
 
 namespace zub {
+
+bool CompleteWrittenWave(const std::string& path, std::int64_t* frames, std::string* error)
+{
+    if (frames) *frames = 0;
+    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return Fail(error, SysError(path, "cannot open the written WAVE"));
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) return Fail(error, SysError(path, "cannot read the written WAVE's size"));
+    const std::uint64_t fileSize = static_cast<std::uint64_t>(st.st_size);
+    unsigned char head[12];
+    if (fileSize < 12 || !ReadAllAt(fd, head, 12, 0) || std::memcmp(head, "RIFF", 4) != 0 ||
+        std::memcmp(head + 8, "WAVE", 4) != 0)
+        return Fail(error, Error{path, "the WAVE writer left no RIFF header"});
+
+    // The chunks up to the sound; the writer puts its tags after it.
+    std::uint64_t at = 12, dataAt = 0;
+    std::uint32_t dataSize = 0;
+    unsigned blockAlign = 0;
+    while (at + 8 <= fileSize) {
+        unsigned char chunk[8];
+        if (!ReadAllAt(fd, chunk, 8, at)) break;
+        const std::uint32_t size = ReadLe32(chunk + 4);
+        if (std::memcmp(chunk, "fmt ", 4) == 0 && size >= 16 && at + 8 + 16 <= fileSize) {
+            unsigned char fmt[16];
+            if (ReadAllAt(fd, fmt, 16, at + 8)) blockAlign = ReadLe16(fmt + 12);
+        } else if (std::memcmp(chunk, "data", 4) == 0) {
+            dataAt = at;
+            dataSize = size;
+            break;
+        }
+        at += 8 + std::uint64_t(size) + (size & 1);
+    }
+    if (dataAt == 0) return Fail(error, Error{path, "the WAVE writer left no data chunk"});
+    if (blockAlign == 0) return Fail(error, Error{path, "the WAVE writer left no sample format"});
+
+    const std::uint64_t sound = dataAt + 8;
+    const std::uint64_t onDisk = fileSize - sound;
+    const bool riffTrue = ReadLe32(head + 4) == fileSize - 8;
+    const bool dataTrue = dataSize <= onDisk && dataSize % blockAlign == 0;
+    std::uint64_t keep = dataSize;
+    if (!(riffTrue && dataTrue)) {
+        // Whatever follows the sound cannot be told from it when the sizes lie: the file ends
+        // with the last whole sample frame written, and both sizes say so.
+        keep = std::min<std::uint64_t>(dataSize, onDisk);
+        keep -= keep % blockAlign;
+        if (sound + keep > 0xFFFFFFFFull) keep = (0xFFFFFFFFull - sound) / blockAlign * blockAlign;
+        unsigned char size[4];
+        WriteLe32(size, static_cast<std::uint32_t>(keep));
+        if (!WriteAllAt(fd, size, 4, dataAt + 4)) return Fail(error, SysError(path, "cannot complete the WAVE header"));
+        WriteLe32(size, static_cast<std::uint32_t>(sound + keep - 8));
+        if (!WriteAllAt(fd, size, 4, 4)) return Fail(error, SysError(path, "cannot complete the WAVE header"));
+        if (::ftruncate(fd, static_cast<off_t>(sound + keep)) != 0)
+            return Fail(error, SysError(path, "cannot cut the WAVE after its last whole sample frame"));
+    }
+    if (frames) *frames = static_cast<std::int64_t>(keep / blockAlign);
+    if (keep == 0) return Fail(error, Error{path, "no whole sample frame was written"});
+    return true;
+}
 
 CGraphAudioReader::CGraphAudioReader() = default;
 
@@ -22,6 +91,31 @@ bool CGraphAudioReader::Init(std::string* error)
         {"filesrc", "decodebin", "audioconvert", "capsfilter", "wavenc", "filesink", "fakesink"}, error);
     return initialised_;
 }
+
+namespace {
+
+// What the probe's sink saw before it prerolled; written on a streaming thread, read by the
+// owner once the graph is paused.
+struct ProbeSeen {
+    std::atomic<int> rate{0}, channels{0}, frameBytes{0};
+    std::atomic<bool> wholeFrame{false}, ended{false};
+};
+
+GstPadProbeReturn SeenProbe(GstPad*, GstPadProbeInfo* info, gpointer data)
+{
+    ProbeSeen* seen = static_cast<std::shared_ptr<ProbeSeen>*>(data)->get();
+    if (info->type & GST_PAD_PROBE_TYPE_BUFFER) {
+        const gsize size = gst_buffer_get_size(GST_PAD_PROBE_INFO_BUFFER(info));
+        const int frame = seen->frameBytes;
+        if (size > 0 && size >= static_cast<gsize>(frame > 0 ? frame : 1)) seen->wholeFrame = true;
+    } else if ((info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) &&
+               GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS) {
+        seen->ended = true;
+    }
+    return GST_PAD_PROBE_OK;
+}
+
+}  // namespace
 
 bool CGraphAudioReader::OpenAudio(const std::string& path, std::string* error)
 {
@@ -37,15 +131,13 @@ bool CGraphAudioReader::OpenAudio(const std::string& path, std::string* error)
     if (!initialised_ && !Init(&why)) return fail(why);
     path_ = path;
     // A probe graph: the decoded stream ends in a fakesink, only its format is wanted.
-    struct Seen {
-        std::atomic<int> rate{0}, channels{0};
-    };
-    auto seen = std::make_shared<Seen>();
+    auto seen = std::make_shared<ProbeSeen>();
     auto builder = [seen](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
         GstAudioInfo info;
         if (gst_caps_is_fixed(decoded) && gst_audio_info_from_caps(&info, decoded)) {
             seen->rate = GST_AUDIO_INFO_RATE(&info);
             seen->channels = GST_AUDIO_INFO_CHANNELS(&info);
+            seen->frameBytes = GST_AUDIO_INFO_BPF(&info);
         }
         GstElement* sink = gst_element_factory_make("fakesink", nullptr);
         if (!sink) {
@@ -54,11 +146,22 @@ bool CGraphAudioReader::OpenAudio(const std::string& path, std::string* error)
         }
         g_object_set(sink, "sync", FALSE, nullptr);
         gst_bin_add(bin, sink);
+        gst::Ref<GstPad> in(gst_element_get_static_pad(sink, "sink"));
+        gst::HandOver();
+        gst_pad_add_probe(in.get(), static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
+                          SeenProbe, new std::shared_ptr<ProbeSeen>(seen), [](gpointer p) {
+                              gst::HandOver();
+                              delete static_cast<std::shared_ptr<ProbeSeen>*>(p);
+                          });
         gst_element_sync_state_with_parent(sink);
         return sink;
     };
     gst::DecodeGraph probe;
     if (!probe.Build(path, gst::StreamKind::Audio, builder, &why) || !probe.Preroll(&why)) return fail(why);
+    // The sink prerolls on its first buffer, or on the end of the stream when none comes: a
+    // stream that ended first has nothing to write, and a writer given nothing leaves a header
+    // that promises what it never got.
+    if (seen->ended && !seen->wholeFrame) return fail(path + ": the audio stream holds no whole sample frame");
     rate_ = seen->rate;
     channels_ = seen->channels;
     const std::int64_t ns = probe.DurationNs();
@@ -84,6 +187,7 @@ struct Trim {
     std::int64_t written = 0;
     int frameBytes = 0;
     int rate = 0;
+    bool flowing = false;  // a buffer came, so the writer has its format and segment
 };
 
 // The trim is filled on the thread that builds the chain, read by the probe on a streaming
@@ -101,6 +205,7 @@ GstPadProbeReturn TrimProbe(GstPad* pad, GstPadProbeInfo* info, gpointer data)
     if (trim->frameBytes <= 0) return GST_PAD_PROBE_OK;
     if (info->type & GST_PAD_PROBE_TYPE_BUFFER) {
         GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+        trim->flowing = true;
         const std::int64_t size = static_cast<std::int64_t>(gst_buffer_get_size(buffer));
         std::int64_t frames = size / trim->frameBytes;
         std::int64_t first = 0;
@@ -122,8 +227,9 @@ GstPadProbeReturn TrimProbe(GstPad* pad, GstPadProbeInfo* info, gpointer data)
     if ((info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) && GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS) {
         const std::int64_t missing = trim->limit - trim->written;
         // Up to a second lost by the decoder at the very end is silence; more is a damaged or
-        // cut file, which keeps what it has.
-        if (trim->limit >= 0 && missing > 0 && missing <= trim->rate) {
+        // cut file, which keeps what it has. A stream that never flowed gets none: the writer
+        // has no format to take it in.
+        if (trim->flowing && trim->limit >= 0 && missing > 0 && missing <= trim->rate) {
             GstBuffer* silence = gst_buffer_new_allocate(nullptr, static_cast<gsize>(missing * trim->frameBytes), nullptr);
             gst_buffer_memset(silence, 0, 0, static_cast<gsize>(missing * trim->frameBytes));
             trim->written += missing;
@@ -195,9 +301,10 @@ bool CGraphAudioReader::Start(const std::string& wavePath, std::string* error)
         std::filesystem::remove(wavePath, ec);
         return false;
     };
+    EndWriting();  // a writing still running is ended first
     if (!opened_) return fail(wavePath + ": no audio source is open");
-    graph_.reset();
     finished_ = false;
+    framesWritten_ = 0;
     wavePath_ = wavePath;
     auto trim = std::make_shared<Trim>();
     // The graph plays MPEG audio's own priming (the encoder's gapless note) where libavcodec
@@ -259,7 +366,20 @@ bool CGraphAudioReader::Start(const std::string& wavePath, std::string* error)
     std::string why;
     if (!graph_->Build(path_, gst::StreamKind::Audio, builder, &why) || !graph_->Preroll(&why) || !graph_->Play(&why))
         return fail(why);
+    writing_ = true;
     return true;
+}
+
+void CGraphAudioReader::EndWriting()
+{
+    graph_.reset();  // joins the streaming threads and closes the file
+    if (!writing_) return;
+    writing_ = false;
+    // The writer completes its header only when the end of the stream reaches it: a stream
+    // that never started, or a drain cut short, leaves sizes it made up. What is on disk is
+    // what the header must say.
+    std::string why;
+    if (!CompleteWrittenWave(wavePath_, &framesWritten_, &why) && error_.empty()) error_ = path_ + ": " + why;
 }
 
 std::int64_t CGraphAudioReader::Position()
@@ -276,7 +396,7 @@ bool CGraphAudioReader::Finished()
     if (!graph_) return false;
     if (graph_->PollEnd()) {
         error_ = graph_->Error();
-        graph_.reset();  // the WAVE header was completed at the end of the stream; now it is closed
+        EndWriting();
         finished_ = true;
     }
     return finished_;
@@ -287,7 +407,7 @@ void CGraphAudioReader::Stop()
     if (graph_) {
         graph_->Drain(5000);
         if (error_.empty()) error_ = graph_->Error();
-        graph_.reset();
+        EndWriting();
         finished_ = true;
     }
 }
@@ -303,7 +423,7 @@ std::string CGraphAudioReader::Error() const
 
 void CGraphAudioReader::Close()
 {
-    graph_.reset();
+    EndWriting();
     opened_ = false;
     finished_ = false;
     rate_ = channels_ = 0;

@@ -19,6 +19,13 @@ namespace gst {
 class DecodeGraph;
 }
 
+// Makes the sizes of a WAVE file just written agree with the bytes on disk: when the RIFF or
+// data size is not what the file holds, the file is cut after its last whole sample frame and
+// both sizes are set from it. `frames` gets the whole sample frames it holds. False, with the
+// file and the reason, when there is no header to complete or no whole sample frame in it
+// (the header is still made true).
+bool CompleteWrittenWave(const std::string& path, std::int64_t* frames, std::string* error);
+
 class CGraphAudioReader {
 public:
     CGraphAudioReader();
@@ -51,11 +58,16 @@ public:
     std::int64_t Duration() const { return duration_; }
     // Ends the writing: what was decoded so far is closed as a valid WAVE file.
     void Stop();
+    // Whole sample frames in the WAVE once the writing has ended.
+    std::int64_t FramesWritten() const { return framesWritten_; }
     bool Finished();
     std::string Error() const;
     void Close();
 
 private:
+    // Takes the writing graph down and makes the WAVE's header tell what it holds.
+    void EndWriting();
+
     std::unique_ptr<gst::DecodeGraph> graph_;
     std::string path_;
     std::string wavePath_;
@@ -63,6 +75,8 @@ private:
     bool initialised_ = false;
     bool opened_ = false;
     bool finished_ = false;
+    bool writing_ = false;
+    std::int64_t framesWritten_ = 0;
     int rate_ = 0, channels_ = 0;
     std::int64_t duration_ = 0;
     AudioFacts facts_;

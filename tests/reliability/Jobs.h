@@ -113,6 +113,8 @@ inline Outcome RunConvert(const ConvertJob& job)
         if (!second.empty()) o.paths.push_back(second);
         const ConvertReport& r = dlg.GetReport();
         o.frames = int(r.framesDone);
+        // Every message the conversion recorded, those it did not show included.
+        for (const auto& m : r.messages) o.message += (o.message.empty() ? "" : "\n") + m;
         o.note = std::string("converted ") + (r.converted ? "yes" : "no") + ", discarded " + (r.discarded ? "yes" : "no");
     }
     o.prompts = prompt->Texts();
