@@ -202,7 +202,14 @@ bool SoundSource(ExtendedSoundComponentData** data, void* refCon)
     }
     if (fill->moreSource) {
         Media::Sample s;
-        const OSErr err = fill->media->GetSample(fill->currentTime, fill->sourceBlock, fill->maxSourceBlock, &s, fill->error);
+        std::string why;
+        const OSErr err = fill->media->GetSample(fill->currentTime, fill->sourceBlock, fill->maxSourceBlock, &s, &why);
+        // The end of the track reads as "no more data" without a reason; anything with a
+        // reason is sound that exists but cannot be read, which must not pass for the end.
+        if (err != noErr && !why.empty()) {
+            fill->readError = err;
+            if (fill->error) *fill->error = why;
+        }
         if (err != noErr || s.numberOfSamples == 0) {
             fill->moreSource = false;
             rec.desc.sampleCount = 0;
@@ -314,6 +321,9 @@ bool CQuickTimeAudioSource::Open(const char* path)
     input.sampleRate = sourceDesc_.sampleRate;
     SoundComponentData output = input;
     output.format = kSoundNotCompressed;
+    // The audio conversion takes one or two channels: more are folded into stereo here,
+    // which leaves such sound to the decoding converter rather than the pass-through.
+    output.numChannels = static_cast<std::int16_t>(std::min<int>(input.numChannels, kMaxOutputChannels));
     if (OSErr err = converter_.Open(&input, &output); err != noErr)
         return Fail(err, sourcePath_ + ": no converter for sound of type '" + OSTypeText(input.format) + "'");
     if (haveAtom) {
@@ -395,8 +405,13 @@ bool CQuickTimeAudioSource::WriteFrames(std::uint32_t frames)
     header_.numFrames = frames;
     const std::uint64_t bytes =
         static_cast<std::uint64_t>(frames) * static_cast<std::uint64_t>(header_.numChannels) * (header_.sampleSize / 8);
-    // A converter may report more than its buffer holds; only the buffer is ever written.
-    const std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(bytes, output_.size()));
+    // Frames the buffer cannot hold would be sound reported but never written.
+    if (bytes > output_.size()) {
+        writeFailed_ = true;
+        return Fail(ioErr, sourcePath_ + ": the sound converter reported " + std::to_string(frames) +
+                               " frames, more than its buffer holds");
+    }
+    const auto n = static_cast<std::size_t>(bytes);
     if (dataBytes_ + n > 0xFFFFFFFFull - 64) {
         writeFailed_ = true;
         return Fail(ioErr, wavPath_ + ": the sound is too long for a WAVE file");
@@ -434,6 +449,7 @@ bool CQuickTimeAudioSource::ConvertChunk(const char* wavPath, bool& more)
         err != noErr)
         return Fail(err, sourcePath_ + ": sound conversion failed: " + converter_.LastError());
     if (!WriteFrames(frames)) return false;
+    if (fill_.readError != noErr) return Fail(fill_.readError, error_.empty() ? sourcePath_ + ": cannot read the sound" : error_);
     more = (flags & kSoundConverterHasLeftOverData) != 0;
     return true;
 }

@@ -120,10 +120,13 @@ struct SoundFillRecord {
     bool moreSource = true;
     bool variableBitRate = false;
     std::string* error = nullptr;  // a failed media read leaves its reason here
+    qt::OSErr readError = qt::noErr;  // a read that failed (not the sound's end) stops the sound with this
 };
 
 // The most channels a sound description may claim and still be read.
 inline constexpr int kMaxSoundChannels = 64;
+// The most channels the WAVE gets; surround is mixed down to stereo.
+inline constexpr int kMaxOutputChannels = 2;
 
 class CQuickTimeAudioSource {
 public:

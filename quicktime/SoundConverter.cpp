@@ -16,28 +16,37 @@ extern "C" {
 }
 
 #include "platform/AvError.h"
+#include "platform/AvOwner.h"
+#include "platform/StereoDownmix.h"
 
 namespace zub::qt {
 
 namespace {
 
-struct CodecCloser {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameFree {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketFree {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct SwrFree {
-    void operator()(SwrContext* s) const { swr_free(&s); }
-};
-struct FifoFree {
-    void operator()(AVAudioFifo* f) const { av_audio_fifo_free(f); }
-};
-
 int IntegerRate(UnsignedFixed rate) { return static_cast<int>(rate >> 16); }
+
+Speaker SpeakerOf(AVChannel c)
+{
+    switch (c) {
+    case AV_CHAN_FRONT_LEFT: return Speaker::FrontLeft;
+    case AV_CHAN_FRONT_RIGHT: return Speaker::FrontRight;
+    case AV_CHAN_FRONT_CENTER:
+    case AV_CHAN_BACK_CENTER: return Speaker::Centre;
+    case AV_CHAN_BACK_LEFT:
+    case AV_CHAN_SIDE_LEFT:
+    case AV_CHAN_FRONT_LEFT_OF_CENTER:
+    case AV_CHAN_WIDE_LEFT:
+    case AV_CHAN_SURROUND_DIRECT_LEFT: return Speaker::SurroundLeft;
+    case AV_CHAN_BACK_RIGHT:
+    case AV_CHAN_SIDE_RIGHT:
+    case AV_CHAN_FRONT_RIGHT_OF_CENTER:
+    case AV_CHAN_WIDE_RIGHT:
+    case AV_CHAN_SURROUND_DIRECT_RIGHT: return Speaker::SurroundRight;
+    case AV_CHAN_LOW_FREQUENCY:
+    case AV_CHAN_LOW_FREQUENCY_2: return Speaker::Lfe;
+    default: return Speaker::Other;
+    }
+}
 
 }  // namespace
 
@@ -48,11 +57,11 @@ struct SoundConverterObject {
     SoundComponentData output{};
     const AVCodec* codec = nullptr;
     std::vector<std::uint8_t> extradata;
-    std::unique_ptr<AVCodecContext, CodecCloser> ctx;
-    std::unique_ptr<AVFrame, FrameFree> frame;
-    std::unique_ptr<AVPacket, PacketFree> packet;
-    std::unique_ptr<SwrContext, SwrFree> swr;
-    std::unique_ptr<AVAudioFifo, FifoFree> fifo;
+    av::CodecContextPtr ctx;
+    av::FramePtr frame;
+    av::PacketPtr packet;
+    av::SwrPtr swr;
+    av::AudioFifoPtr fifo;
     AVSampleFormat fifoFormat = AV_SAMPLE_FMT_S16;
     int outChannels = 0;
     bool sourceDone = false;   // the source callback gave its last record
@@ -103,6 +112,26 @@ struct SoundConverterObject {
         return noErr;
     }
 
+    // Surround folded into the output's stereo by the rule the graph route applies too,
+    // instead of libswresample's own matrix, which normalises the fronts down.
+    int SetDownmix(const AVChannelLayout& layout)
+    {
+        const int n = layout.nb_channels;
+        std::vector<double> matrix(static_cast<std::size_t>(n) * outChannels, 0.0);
+        for (int i = 0; i < n; ++i) {
+            const StereoGains g = StereoGainsOf(layout.order == AV_CHANNEL_ORDER_UNSPEC
+                                                    ? UnnamedSpeaker(i)
+                                                    : SpeakerOf(av_channel_layout_channel_from_index(&layout, i)));
+            if (outChannels == 1) {
+                matrix[i] = (g.left + g.right) / 2;
+            } else {
+                matrix[i] = g.left;
+                matrix[static_cast<std::size_t>(n) + i] = g.right;
+            }
+        }
+        return swr_set_matrix(swr.get(), matrix.data(), n);
+    }
+
     // Resamples one decoded frame (or, with none, what the resampler still holds) into the fifo.
     OSErr Resample(const AVFrame* in)
     {
@@ -115,6 +144,7 @@ struct SoundConverterObject {
                                           static_cast<AVSampleFormat>(in->format), in->sample_rate, 0, nullptr);
             av_channel_layout_uninit(&outLayout);
             swr.reset(raw);
+            if (err >= 0 && in->ch_layout.nb_channels > outChannels) err = SetDownmix(in->ch_layout);
             if (err >= 0) err = swr_init(swr.get());
             if (err < 0) return Fail(badFormat, "cannot set up sound conversion: " + AvError(err));
         }
@@ -459,6 +489,7 @@ OSErr CPassThroughSoundConverter::Open(const SoundComponentData* input, const So
         input->numChannels == output->numChannels) {
         if (input->numChannels <= 0 || input->sampleSize <= 0) return paramErr;
         passThrough_ = true;
+        ResetPending();
         input_ = *input;
         output_ = *output;
         return noErr;
@@ -473,12 +504,15 @@ OSErr CPassThroughSoundConverter::Close()
     passThrough_ = false;
     input_ = {};
     output_ = {};
+    ResetPending();
     return noErr;
 }
 
 OSErr CPassThroughSoundConverter::BeginConversion()
 {
-    return passThrough_ ? noErr : CSoundConverter::BeginConversion();
+    if (!passThrough_) return CSoundConverter::BeginConversion();
+    ResetPending();
+    return noErr;
 }
 
 OSErr CPassThroughSoundConverter::EndConversion(void* outputPtr, std::uint32_t* outputFrames, std::uint32_t* outputBytes)
@@ -487,6 +521,8 @@ OSErr CPassThroughSoundConverter::EndConversion(void* outputPtr, std::uint32_t* 
     if (!outputFrames || !outputBytes) return paramErr;
     *outputFrames = 0;
     *outputBytes = 0;
+    // Only an abort ends a conversion with sound still waiting; it goes with the abort.
+    ResetPending();
     return noErr;
 }
 
@@ -523,6 +559,26 @@ OSErr CPassThroughSoundConverter::ConvertBuffer(const void* inputPtr, std::uint3
     return noErr;
 }
 
+std::size_t CPassThroughSoundConverter::RecordBytes(const ExtendedSoundComponentData* rec) const
+{
+    if (!rec || rec->desc.sampleCount == 0 || !rec->desc.buffer || rec->bufferSize <= 0) return 0;
+    std::uint64_t n = static_cast<std::uint32_t>(rec->bufferSize);
+    // The buffer size is the truth when the record says so (a media sample need not hold a
+    // whole number of frames); otherwise the frames it claims bound what is read.
+    const bool countValid = !(rec->desc.flags & kExtendedSoundData) ||
+                            !(rec->extendedFlags & kExtendedSoundSampleCountNotValid);
+    if (countValid)
+        n = std::min<std::uint64_t>(n, static_cast<std::uint64_t>(static_cast<std::uint32_t>(rec->desc.sampleCount)) * FrameBytes());
+    return static_cast<std::size_t>(n);
+}
+
+void CPassThroughSoundConverter::ResetPending()
+{
+    pending_.clear();
+    pendingAt_ = 0;
+    sourceEnded_ = false;
+}
+
 OSErr CPassThroughSoundConverter::FillBuffer(SoundConverterFillBufferDataProc proc, void* refCon, void* outputBuffer,
                                              std::uint32_t outputBufferByteSize, std::uint32_t* bytesWritten,
                                              std::uint32_t* framesWritten, std::uint32_t* outputFlags)
@@ -532,31 +588,52 @@ OSErr CPassThroughSoundConverter::FillBuffer(SoundConverterFillBufferDataProc pr
                                            outputFlags);
     if (!proc || !outputBuffer || !bytesWritten || !framesWritten || !outputFlags) return paramErr;
     *bytesWritten = *framesWritten = *outputFlags = 0;
-    ExtendedSoundComponentData* rec = nullptr;
-    const bool more = proc(&rec, refCon);
-    if (!rec || rec->desc.sampleCount == 0 || !rec->desc.buffer || rec->bufferSize == 0) return noErr;
+    const std::size_t frameBytes = FrameBytes();
+    const std::size_t room = outputBufferByteSize / frameBytes * frameBytes;
+    if (room == 0) return paramErr;
 
-    // What the record claims is never read past what its buffer holds.
-    std::uint64_t n = static_cast<std::uint64_t>(static_cast<std::uint32_t>(rec->desc.sampleCount)) * FrameBytes();
-    n = std::min<std::uint64_t>(n, outputBufferByteSize);
-    n = std::min<std::uint64_t>(n, static_cast<std::uint32_t>(rec->bufferSize));
-    const std::uint8_t* in = rec->desc.buffer;
+    // Source bytes wait here until they leave as whole frames: a media sample larger than
+    // the output buffer goes out over several calls, and one that ends inside a frame
+    // completes that frame from the next sample.
+    while (!sourceEnded_ && pending_.size() - pendingAt_ < frameBytes) {
+        ExtendedSoundComponentData* rec = nullptr;
+        const bool more = proc(&rec, refCon);
+        const std::size_t n = RecordBytes(rec);
+        if (n > 0) {
+            pending_.erase(pending_.begin(), pending_.begin() + static_cast<std::ptrdiff_t>(pendingAt_));
+            pendingAt_ = 0;
+            pending_.insert(pending_.end(), rec->desc.buffer, rec->desc.buffer + n);
+        }
+        if (!more || n == 0) sourceEnded_ = true;
+    }
+    // The sound's last frame, cut short by the file, is completed with silence rather than lost.
+    if (sourceEnded_ && (pending_.size() - pendingAt_) % frameBytes) {
+        const std::uint8_t silence = input_.format == k8BitOffsetBinaryFormat && input_.sampleSize == 8 ? 0x80 : 0;
+        pending_.resize(pending_.size() + frameBytes - (pending_.size() - pendingAt_) % frameBytes, silence);
+    }
+
+    const std::size_t n = std::min((pending_.size() - pendingAt_) / frameBytes * frameBytes, room);
+    const std::uint8_t* in = pending_.data() + pendingAt_;
     auto* out = static_cast<std::uint8_t*>(outputBuffer);
     if (input_.sampleSize == 16) {
         // Every pair is exchanged, little-endian 'sowt' included: the module has always
-        // written it this way.
-        std::size_t i = 0;
-        for (; i + 1 < n; i += 2) {
+        // written it this way. Frames are whole, so pairs never straddle two calls.
+        for (std::size_t i = 0; i + 1 < n; i += 2) {
             out[i] = in[i + 1];
             out[i + 1] = in[i];
         }
-    } else {
+    } else if (n > 0) {
         std::memcpy(out, in, n);
     }
-    // The frames reported are the record's, even when the copy was cut to the buffer.
-    *framesWritten = static_cast<std::uint32_t>(rec->desc.sampleCount);
-    *bytesWritten = static_cast<std::uint32_t>(static_cast<std::uint64_t>(*framesWritten) * FrameBytes());
-    *outputFlags = more ? kSoundConverterHasLeftOverData : 0;
+    pendingAt_ += n;
+    if (pendingAt_ == pending_.size()) {
+        pending_.clear();
+        pendingAt_ = 0;
+    }
+    *framesWritten = static_cast<std::uint32_t>(n / frameBytes);
+    *bytesWritten = static_cast<std::uint32_t>(n);
+    *outputFlags = (!sourceEnded_ || !pending_.empty()) ? kSoundConverterHasLeftOverData : 0;
+    if (n < room) *outputFlags |= kSoundConverterDidntFillBuffer;
     return noErr;
 }
 

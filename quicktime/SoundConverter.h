@@ -1,11 +1,14 @@
 // The sound converter: a thin object over one converter reference, and the pass-through
 // converter that copies uncompressed sound byte for byte (exchanging the bytes of every
-// 16-bit pair) instead of converting it. The converter reference itself decodes with
+// 16-bit pair) instead of converting it, every byte of every media sample, in whole frames. The converter reference itself decodes with
 // libavcodec and converts with libswresample to uncompressed little-endian ("NONE") output.
 #pragma once
 
 #include <cstdint>
+#include <cstddef>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "quicktime/MovieToolbox.h"
 
@@ -125,8 +128,15 @@ public:
 
 private:
     std::uint32_t FrameBytes() const;
+    // What of a record's buffer is sound to pass on.
+    std::size_t RecordBytes(const ExtendedSoundComponentData* rec) const;
+    void ResetPending();
 
     bool passThrough_ = false;
+    // Source bytes taken from the callback but not yet handed out (from pendingAt_ on).
+    std::vector<std::uint8_t> pending_;
+    std::size_t pendingAt_ = 0;
+    bool sourceEnded_ = false;
     SoundComponentData input_{};
     SoundComponentData output_{};
 };

@@ -78,7 +78,7 @@ inline const std::vector<Format>& Formats()
          "-c:v wmv2 -c:a wmav2", ""},
         // Sound.
         {"m4a_aac", ".m4a", false, "MP4", "AAC stereo", kGraph | kMovie, "aac", 0, 0, 0, 0, 2, 2, "-c:a aac", ""},
-        {"mp4_aac51", ".mp4", false, "MP4", "AAC 5.1 (mixed down to stereo)", kGraph, "aac", 0, 0, 0, 0, 2, 6, "-c:a aac", ""},
+        {"mp4_aac51", ".mp4", false, "MP4", "AAC 5.1 (mixed down to stereo)", kGraph | kMovie, "aac", 0, 0, 0, 0, 2, 6, "-c:a aac", ""},
         {"ac3_es", ".ac3", false, "AC-3 elementary stream", "AC-3", kGraph, "ac3", 0, 0, 0, 0, 2, 2, "-c:a ac3", ""},
         {"eac3_es", ".eac3", false, "E-AC-3 elementary stream", "E-AC-3", kGraph, "eac3", 0, 0, 0, 0, 2, 2, "-c:a eac3", ""},
         {"dts_es", ".dts", false, "DTS elementary stream", "DTS", kGraph, "dca", 0, 0, 0, 0, 2, 2, "-c:a dca -strict -2", ""},

@@ -644,22 +644,6 @@ TEST(QuickTimeAudio, SystemSoundFileIsImportedWhenReadableElseRefused)
 
 // ---- the pass-through converter on its own ----
 
-struct FakeSource {
-    qt::ExtendedSoundComponentData rec{};
-    std::vector<std::uint8_t> data;
-    bool handBack = true;
-    bool more = true;
-    int calls = 0;
-};
-
-bool FakeProc(qt::ExtendedSoundComponentData** out, void* refCon)
-{
-    auto* s = static_cast<FakeSource*>(refCon);
-    ++s->calls;
-    *out = s->handBack ? &s->rec : nullptr;
-    return s->more;
-}
-
 TEST(PassThroughSoundConverter, ChoosesPassThroughOnlyForEqualUncompressedDescriptions)
 {
     qt::SoundComponentData in{};
@@ -687,57 +671,6 @@ TEST(PassThroughSoundConverter, ChoosesPassThroughOnlyForEqualUncompressedDescri
     in.format = qt::MakeOSType("zzzz");
     qt::CPassThroughSoundConverter unknown;
     EXPECT_NE(unknown.Open(&in, &out), qt::noErr);
-}
-
-TEST(PassThroughSoundConverter, ExchangesSixteenBitPairsAndReportsTheRecordsFrames)
-{
-    qt::SoundComponentData d{};
-    d.format = qt::MakeOSType("sowt");
-    d.numChannels = 1;
-    d.sampleSize = 16;
-    d.sampleRate = 22050u << 16;
-    qt::CPassThroughSoundConverter c;
-    ASSERT_EQ(c.Open(&d, &d), qt::noErr);
-
-    FakeSource src;
-    src.data = {1, 2, 3, 4, 5, 6, 7, 8};
-    src.rec.desc.buffer = src.data.data();
-    src.rec.desc.sampleCount = 4;
-    src.rec.bufferSize = 8;
-    std::uint8_t out[6] = {};
-    std::uint32_t bytes = 0, frames = 0, flags = 0;
-    ASSERT_EQ(c.FillBuffer(FakeProc, &src, out, sizeof out, &bytes, &frames, &flags), qt::noErr);
-    EXPECT_EQ(src.calls, 1);
-    const std::uint8_t want[6] = {2, 1, 4, 3, 6, 5};  // cut to the buffer, pairs exchanged
-    EXPECT_EQ(std::memcmp(out, want, 6), 0);
-    EXPECT_EQ(frames, 4u);  // not reduced by the cut
-    EXPECT_EQ(bytes, 8u);
-    EXPECT_EQ(flags, qt::kSoundConverterHasLeftOverData);
-
-    src.more = false;
-    ASSERT_EQ(c.FillBuffer(FakeProc, &src, out, sizeof out, &bytes, &frames, &flags), qt::noErr);
-    EXPECT_EQ(flags, 0u);
-    src.handBack = false;
-    ASSERT_EQ(c.FillBuffer(FakeProc, &src, out, sizeof out, &bytes, &frames, &flags), qt::noErr);
-    EXPECT_EQ(frames + bytes + flags, 0u);
-    src.handBack = true;
-    src.rec.desc.sampleCount = 0;
-    ASSERT_EQ(c.FillBuffer(FakeProc, &src, out, sizeof out, &bytes, &frames, &flags), qt::noErr);
-    EXPECT_EQ(frames + bytes + flags, 0u);
-
-    // Eight-bit sound is copied, and a record claiming more than its buffer is read no further.
-    d.sampleSize = 8;
-    d.format = qt::MakeOSType("raw ");
-    qt::CPassThroughSoundConverter eight;
-    ASSERT_EQ(eight.Open(&d, &d), qt::noErr);
-    src.rec.desc.sampleCount = 1000;
-    src.rec.bufferSize = 5;
-    src.more = true;
-    std::uint8_t big[64] = {};
-    ASSERT_EQ(eight.FillBuffer(FakeProc, &src, big, sizeof big, &bytes, &frames, &flags), qt::noErr);
-    EXPECT_EQ(std::memcmp(big, src.data.data(), 5), 0);
-    EXPECT_EQ(big[5], 0);
-    EXPECT_EQ(frames, 1000u);
 }
 
 }  // namespace
