@@ -315,9 +315,21 @@ bool ResizeImage(Image& image, int width, int height, int method, std::string* e
     return true;
 }
 
-bool FitImage(Image& image, std::int32_t fitWord, FrameSize frame, std::string* error)
+namespace {
+
+// What a fit does to a w x h image, worked out from the sizes alone: at most one resize, at
+// most one crop to the target, then the border of the safe area.
+struct FitSteps {
+    int mx = 0, my = 0;          // margins of the safe area
+    int targetW = 0, targetH = 0;
+    bool resize = false;         // to resizeW x resizeH with `method`
+    int resizeW = 0, resizeH = 0, method = 0;
+    bool crop = false;           // the target-sized rectangle at (left, top)
+    int left = 0, top = 0;
+};
+
+bool PlanFit(std::int32_t fitWord, FrameSize frame, int w, int h, FitSteps& steps, std::string* error)
 {
-    if (!NeedImage(image, error)) return false;
     const FitWordParts fit = SplitFitWord(fitWord);
     const int W = frame.width, H = frame.height;
     if (!SaneSize(W, H)) return Fail(error, "bad frame size " + SizeText(W, H));
@@ -336,50 +348,78 @@ bool FitImage(Image& image, std::int32_t fitWord, FrameSize frame, std::string* 
     default: return Fail(error, "unknown fit area " + std::to_string(fit.area));
     }
     const int Tw = W - 2 * mx, Th = H - 2 * my;
-    const int w = image.Width(), h = image.Height();
+    steps = {};
+    steps.mx = mx;
+    steps.my = my;
+    steps.targetW = Tw;
+    steps.targetH = Th;
+    steps.method = fit.method;
 
     // A scaled side never drops to nothing: a very flat image keeps one row.
     auto scaled = [](std::int64_t a, std::int64_t b, std::int64_t c) {
         return static_cast<int>(std::clamp<std::int64_t>(a * b / c, 1, kMaxSide));
     };
+    // A resize method is only checked when a resize is asked for.
     auto resize = [&](int nw, int nh) {
         if (fit.method < kResizeNearest || fit.method > kResizeBiCubic)
             return Fail(error, "unknown resize method " + std::to_string(fit.method));
-        if (nw == image.Width() && nh == image.Height()) return true;
-        return ResizeImage(image, nw, nh, fit.method, error);
+        steps.resize = nw != w || nh != h;
+        steps.resizeW = nw;
+        steps.resizeH = nh;
+        return true;
     };
-    auto crop = [&](int left, int top) { return CropImage(image, left, top, Tw, Th, error); };
+    auto crop = [&](int left, int top) {
+        steps.crop = true;
+        steps.left = left;
+        steps.top = top;
+        return true;
+    };
 
-    if (w != Tw || h != Th) {
-        int mode = fit.mode;
-        if (mode == kFitAll) mode = MulDiv(w, Th, h) > Tw ? kFitWidth : kFitHeight;
-        bool ok = true;
-        switch (mode) {
-        case kFitCenter: ok = crop((w - Tw) / 2, (h - Th) / 2); break;
-        case kFitUpperLeft: ok = crop(0, 0); break;
-        case kFitUpperRight: ok = crop(w - Tw, 0); break;
-        case kFitLowerLeft: ok = crop(0, h - Th); break;
-        case kFitLowerRight: ok = crop(w - Tw, h - Th); break;
-        case kFitStretchAll: ok = resize(Tw, Th); break;
-        case kFitHeight: {
-            const int nw = scaled(w, Th, h);
-            ok = resize(nw, Th) && (nw == Tw || crop((nw - Tw) / 2, 0));
-            break;
-        }
-        case kFitWidth: {
-            const int nh = scaled(h, Tw, w);
-            ok = resize(Tw, nh) && (nh == Th || crop(0, (nh - Th) / 2));
-            break;
-        }
-        case kFitStretchHeight: ok = resize(w, Th) && (w == Tw || crop((w - Tw) / 2, 0)); break;
-        case kFitStretchWidth: ok = resize(Tw, h) && (h == Th || crop(0, (h - Th) / 2)); break;
-        default: return Fail(error, "unknown fit mode " + std::to_string(fit.mode));
-        }
-        if (!ok) return false;
+    if (w == Tw && h == Th) return true;
+    int mode = fit.mode;
+    if (mode == kFitAll) mode = MulDiv(w, Th, h) > Tw ? kFitWidth : kFitHeight;
+    switch (mode) {
+    case kFitCenter: return crop((w - Tw) / 2, (h - Th) / 2);
+    case kFitUpperLeft: return crop(0, 0);
+    case kFitUpperRight: return crop(w - Tw, 0);
+    case kFitLowerLeft: return crop(0, h - Th);
+    case kFitLowerRight: return crop(w - Tw, h - Th);
+    case kFitStretchAll: return resize(Tw, Th);
+    case kFitHeight: {
+        const int nw = scaled(w, Th, h);
+        return resize(nw, Th) && (nw == Tw || crop((nw - Tw) / 2, 0));
     }
+    case kFitWidth: {
+        const int nh = scaled(h, Tw, w);
+        return resize(Tw, nh) && (nh == Th || crop(0, (nh - Th) / 2));
+    }
+    case kFitStretchHeight: return resize(w, Th) && (w == Tw || crop((w - Tw) / 2, 0));
+    case kFitStretchWidth: return resize(Tw, h) && (h == Th || crop(0, (h - Th) / 2));
+    default: return Fail(error, "unknown fit mode " + std::to_string(fit.mode));
+    }
+}
+
+// The steps of a plan; an image that already has the resized size (decoded straight to it)
+// is not resized again.
+bool ApplyFit(Image& image, const FitSteps& steps, FrameSize frame, std::string* error)
+{
+    if (steps.resize && (image.Width() != steps.resizeW || image.Height() != steps.resizeH) &&
+        !ResizeImage(image, steps.resizeW, steps.resizeH, steps.method, error))
+        return false;
+    if (steps.crop && !CropImage(image, steps.left, steps.top, steps.targetW, steps.targetH, error)) return false;
     // The safe area sits in the middle of a frame-sized canvas with an empty border.
-    if (mx != 0 || my != 0) return CropImage(image, -mx, -my, W, H, error);
+    if (steps.mx != 0 || steps.my != 0) return CropImage(image, -steps.mx, -steps.my, frame.width, frame.height, error);
     return true;
+}
+
+}  // namespace
+
+bool FitImage(Image& image, std::int32_t fitWord, FrameSize frame, std::string* error)
+{
+    if (!NeedImage(image, error)) return false;
+    FitSteps steps;
+    return PlanFit(fitWord, frame, image.Width(), image.Height(), steps, error) &&
+           ApplyFit(image, steps, frame, error);
 }
 
 bool PrepareImage(Image& image, std::int32_t fitWord, bool swap, bool shift, FrameSize frame, std::string* error)
@@ -403,14 +443,78 @@ bool PackFrame(const Image& image, FrameHolder& frame, std::string* error)
     return true;
 }
 
+namespace {
+
+// Reads the file and gives the image already resized as the fit's plan for its size asks,
+// where the plan has a resize; `steps` is that plan (false with the reason when it has none:
+// the fit fails on the full image then, with the same message as ever).
+bool ReadFittedImageFile(const std::string& path, std::int32_t fitWord, FrameSize frameSize, Image& image,
+                         FitSteps& steps, bool& planned, std::string* error)
+{
+    image.Release();
+    thread_local std::vector<std::uint8_t> bytes;  // see ReadImageFile
+    std::size_t length = 0;
+    if (!ReadWholeFile(path, bytes, length, error)) return false;
+    std::string why;
+    const ZubImagingApi* api = ImagingLibrary(&why);
+    if (!api) return Fail(error, path + ": " + why);
+
+    struct Target {
+        Image* image;
+        std::int32_t fitWord;
+        FrameSize frameSize;
+        FitSteps* steps;
+        bool* planned;
+    } target{&image, fitWord, frameSize, &steps, &planned};
+    auto pick = [](void* ctx, std::int32_t w, std::int32_t h, std::int32_t* ow, std::int32_t* oh,
+                   std::int32_t* filter) -> std::uint8_t* {
+        auto* t = static_cast<Target*>(ctx);
+        *t->planned = PlanFit(t->fitWord, t->frameSize, w, h, *t->steps, nullptr);
+        *ow = w;
+        *oh = h;
+        *filter = 0;
+        if (*t->planned && t->steps->resize && SaneSize(t->steps->resizeW, t->steps->resizeH)) {
+            *ow = t->steps->resizeW;
+            *oh = t->steps->resizeH;
+            *filter = t->steps->method + 1;
+        }
+        return t->image->Allocate(*ow, *oh, 32, false) ? t->image->Data() : nullptr;
+    };
+    char message[1024] = {};
+    const bool ok = api->decodeScaled(path.c_str(), bytes.data(), length, pick, &target, message, sizeof message) != 0;
+    if (bytes.capacity() > kKeptBufferBytes) std::vector<std::uint8_t>().swap(bytes);  // a rare giant
+    if (!ok) {
+        image.Release();
+        return Fail(error, message[0] ? message : path + ": cannot decode");
+    }
+    if (image.Empty() || image.BitsPerPixel() != 32) {
+        image.Release();
+        return Fail(error, path + ": the decoder gave no 32-bit BGRA image");
+    }
+    return true;
+}
+
+}  // namespace
+
 bool LoadFrame(const std::string& path, std::int32_t fitWord, bool swap, bool shift, FrameSize frameSize,
                FrameHolder& frame, std::string* error)
 {
     Image image;
-    if (!ReadImageFile(path, image, error)) return false;
     std::string why;
-    if (!PrepareImage(image, fitWord, swap, shift, frameSize, &why) || !PackFrame(image, frame, &why))
-        return Fail(error, path + ": " + why);
+    if (swap || shift) {
+        // The field operations work on the picture's own scanlines, before any resize.
+        if (!ReadImageFile(path, image, error)) return false;
+        if (!PrepareImage(image, fitWord, swap, shift, frameSize, &why) || !PackFrame(image, frame, &why))
+            return Fail(error, path + ": " + why);
+        return true;
+    }
+    // Otherwise the decoder resizes as it decodes: it may decode a shrinking picture at a
+    // reduced size, and no full-size picture is handed over.
+    FitSteps steps;
+    bool planned = false;
+    if (!ReadFittedImageFile(path, fitWord, frameSize, image, steps, planned, error)) return false;
+    const bool fitted = planned ? ApplyFit(image, steps, frameSize, &why) : FitImage(image, fitWord, frameSize, &why);
+    if (!fitted || !ConvertTo32Bits(image, &why) || !PackFrame(image, frame, &why)) return Fail(error, path + ": " + why);
     return true;
 }
 

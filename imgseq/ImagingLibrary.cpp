@@ -40,7 +40,8 @@ const ZubImagingApi* ImagingLibrary(std::string* error)
     }
     auto getApi = reinterpret_cast<ZubImagingGetApiFn>(dlsym(handle, ZUB_IMAGING_ENTRY));
     const ZubImagingApi* api = getApi ? getApi() : nullptr;
-    if (!api || api->version != ZUB_IMAGING_API_VERSION || !api->decode || !api->resize || !api->describe) {
+    if (!api || api->version != ZUB_IMAGING_API_VERSION || !api->decode || !api->resize || !api->describe ||
+        !api->decodeScaled) {
         if (error) *error = "the imaging library " + path + " has no usable " ZUB_IMAGING_ENTRY " interface";
         dlclose(handle);
         return nullptr;

@@ -124,25 +124,78 @@ FastResult DecodeTga(const std::uint8_t* data, std::size_t size, const FastAlloc
     return FastResult::Decoded;
 }
 
-FastResult DecodeJpeg(const std::uint8_t* data, std::size_t size, const FastAllocate& allocate, std::string* error)
+namespace {
+
+struct TjFree {
+    void operator()(void* h) const { tjDestroy(h); }
+};
+
+// One decompressor per thread, kept: making one costs more than a small picture.
+void* Decompressor()
 {
-    struct Free {
-        void operator()(void* h) const { tjDestroy(h); }
-    };
-    // One decompressor per thread, kept: making one costs more than a small picture.
-    thread_local std::unique_ptr<void, Free> handle(tjInitDecompress());
-    if (!handle) return FastResult::NotMine;
+    thread_local std::unique_ptr<void, TjFree> handle(tjInitDecompress());
+    return handle.get();
+}
+
+bool ReadJpegHeader(void* tj, const std::uint8_t* data, std::size_t size, int* width, int* height)
+{
     int w = 0, h = 0, subsamp = 0, colorspace = 0;
-    if (tjDecompressHeader3(handle.get(), data, static_cast<unsigned long>(size), &w, &h, &subsamp, &colorspace) != 0)
-        return FastResult::NotMine;  // the general reader says why
-    if (colorspace != TJCS_YCbCr && colorspace != TJCS_GRAY && colorspace != TJCS_RGB) return FastResult::NotMine;
-    if (w <= 0 || h <= 0) return FastResult::NotMine;
+    if (!tj || tjDecompressHeader3(tj, data, static_cast<unsigned long>(size), &w, &h, &subsamp, &colorspace) != 0)
+        return false;  // the general reader says why
+    if (colorspace != TJCS_YCbCr && colorspace != TJCS_GRAY && colorspace != TJCS_RGB) return false;
+    if (w <= 0 || h <= 0) return false;
+    *width = w;
+    *height = h;
+    return true;
+}
+
+int Scaled(int side, int denominator)
+{
+    return (side + denominator - 1) / denominator;
+}
+
+}  // namespace
+
+bool JpegSize(const std::uint8_t* data, std::size_t size, int* width, int* height)
+{
+    return ReadJpegHeader(Decompressor(), data, size, width, height);
+}
+
+int JpegReduction(int width, int height, int minWidth, int minHeight)
+{
+    // Only the factors this TurboJPEG offers, and of those only 1/2, 1/4 and 1/8: libjpeg-turbo
+    // runs their reduced inverse transforms in SIMD (1/8 is the DC term alone); the other
+    // eighths go through plain C and save little.
+    int count = 0;
+    const tjscalingfactor* factors = tjGetScalingFactors(&count);
+    int best = 1;
+    for (int d = 2; d <= 8; d *= 2) {
+        bool offered = false;
+        for (int i = 0; factors && i < count; ++i)
+            if (factors[i].num == 1 && factors[i].denom == d) offered = true;
+        if (!offered || Scaled(width, d) < minWidth || Scaled(height, d) < minHeight) break;
+        best = d;
+    }
+    return best;
+}
+
+FastResult DecodeJpeg(const std::uint8_t* data, std::size_t size, const FastAllocate& allocate, std::string* error,
+                      int denominator)
+{
+    void* tj = Decompressor();
+    int w = 0, h = 0;
+    if (!ReadJpegHeader(tj, data, size, &w, &h)) return FastResult::NotMine;
+    if (denominator != 1 && denominator != 2 && denominator != 4 && denominator != 8)
+        return Failed(error, "no reduction by 1/" + std::to_string(denominator));
+    // TurboJPEG rounds a reduced side up, as Scaled does.
+    w = Scaled(w, denominator);
+    h = Scaled(h, denominator);
     std::uint8_t* out = allocate(w, h);
     if (!out) return Failed(error, "no memory for a " + std::to_string(w) + "x" + std::to_string(h) + " image");
-    if (tjDecompress2(handle.get(), data, static_cast<unsigned long>(size), out, w, w * 4, h, TJPF_BGRA, 0) != 0) {
+    if (tjDecompress2(tj, data, static_cast<unsigned long>(size), out, w, w * 4, h, TJPF_BGRA, 0) != 0) {
         // A warning (a few bad bytes at the end) still gives a picture, as libjpeg does.
-        const char* why = tjGetErrorStr2(handle.get());
-        if (tjGetErrorCode(handle.get()) != TJERR_WARNING) return Failed(error, why ? why : "JPEG decoding failed");
+        const char* why = tjGetErrorStr2(tj);
+        if (tjGetErrorCode(tj) != TJERR_WARNING) return Failed(error, why ? why : "JPEG decoding failed");
     }
     return FastResult::Decoded;
 }

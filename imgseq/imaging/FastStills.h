@@ -21,7 +21,18 @@ using FastAllocate = std::function<std::uint8_t*(int width, int height)>;
 FastResult DecodeTga(const std::uint8_t* data, std::size_t size, const FastAllocate& allocate, std::string* error);
 
 // Baseline or progressive JPEG in grey or YCbCr, through TurboJPEG with libjpeg's default
-// (accurate) transform and smooth upsampling.
-FastResult DecodeJpeg(const std::uint8_t* data, std::size_t size, const FastAllocate& allocate, std::string* error);
+// (accurate) transform and smooth upsampling. With a denominator of 2, 4 or 8 the picture is
+// decoded at that fraction of its size in the DCT domain (each side rounded up), which skips
+// most of the inverse transform and the colour conversion of the pixels a shrink would drop.
+FastResult DecodeJpeg(const std::uint8_t* data, std::size_t size, const FastAllocate& allocate, std::string* error,
+                      int denominator = 1);
+
+// The full size of a JPEG that DecodeJpeg takes; false for one it would leave to the general
+// reader.
+bool JpegSize(const std::uint8_t* data, std::size_t size, int* width, int* height);
+
+// The largest denominator (1, 2, 4 or 8) at which a width x height JPEG still decodes to at
+// least minWidth x minHeight, so a later resize only ever shrinks.
+int JpegReduction(int width, int height, int minWidth, int minHeight);
 
 }  // namespace zub::imaging

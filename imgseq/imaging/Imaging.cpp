@@ -6,6 +6,9 @@
 #include "imgseq/imaging/ImagingApi.h"
 #include "imgseq/imaging/SoftimagePic.h"
 
+#include "platform/AvError.h"
+#include "platform/AvOwner.h"
+
 #include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
 
@@ -64,13 +67,6 @@ void CopyMessage(const std::string& msg, char* error, std::size_t size)
     std::snprintf(error, size, "%s", msg.c_str());
 }
 
-std::string AvError(int code)
-{
-    char buf[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(code, buf, sizeof buf);
-    return buf;
-}
-
 void CheckSize(const char* path, std::int64_t w, std::int64_t h)
 {
     if (w <= 0 || h <= 0 || w > kMaxSide || h > kMaxSide || w * h > kMaxPixels)
@@ -84,19 +80,11 @@ uint8_t* Allocate(const char* path, ZubImagingAllocFn alloc, void* context, int 
     return out;
 }
 
-struct SwsFree {
-    void operator()(SwsContext* c) const { sws_freeContext(c); }
-};
-using SwsPtr = std::unique_ptr<SwsContext, SwsFree>;
-struct CodecContextFree {
-    void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
-};
-struct FrameFree {
-    void operator()(AVFrame* f) const { av_frame_free(&f); }
-};
-struct PacketFree {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
+using zub::AvError;
+using zub::av::CodecContextPtr;
+using zub::av::FramePtr;
+using zub::av::PacketPtr;
+using zub::av::SwsPtr;
 
 // One pass of libswscale from any pixel format into BGRA at the same size.
 void ConvertToBgra(const char* path, const uint8_t* const planes[4], const int strides[4], AVPixelFormat format, int w,
@@ -166,18 +154,18 @@ void DecodeWithFfmpeg(const char* path, AVCodecID id, const uint8_t* data, std::
 {
     const AVCodec* codec = avcodec_find_decoder(id);
     if (!codec) Fail("%s: this FFmpeg has no %s decoder", path, avcodec_get_name(id));
-    std::unique_ptr<AVCodecContext, CodecContextFree> ctx(avcodec_alloc_context3(codec));
+    CodecContextPtr ctx(avcodec_alloc_context3(codec));
     if (!ctx) Fail("%s: out of memory", path);
     ctx->thread_count = 1;
     if (int rc = avcodec_open2(ctx.get(), codec, nullptr); rc < 0)
         Fail("%s: cannot open the %s decoder: %s", path, codec->name, AvError(rc).c_str());
 
     if (size > static_cast<std::size_t>(INT32_MAX) - AV_INPUT_BUFFER_PADDING_SIZE) Fail("%s: file too large", path);
-    std::unique_ptr<AVPacket, PacketFree> packet(av_packet_alloc());
+    PacketPtr packet(av_packet_alloc());
     if (!packet || av_new_packet(packet.get(), static_cast<int>(size)) < 0) Fail("%s: out of memory", path);
     std::memcpy(packet->data, data, size);
 
-    std::unique_ptr<AVFrame, FrameFree> frame(av_frame_alloc());
+    FramePtr frame(av_frame_alloc());
     if (!frame) Fail("%s: out of memory", path);
     int rc = avcodec_send_packet(ctx.get(), packet.get());
     if (rc >= 0) {
@@ -398,6 +386,68 @@ void Resize(const uint8_t* src, int sw, int sh, int sstride, uint8_t* dst, int d
     }
 }
 
+// Decode, then resize to the size the caller picks once it knows the picture's, into the
+// caller's buffer. A picture that keeps its size is decoded straight into that buffer. A
+// JPEG that is to shrink with a smoothing filter is decoded at a reduced size in the DCT
+// domain first, never below the target on either side; a nearest-pixel shrink must pick
+// pixels of the full picture, so it gets the full decode.
+void DecodeScaled(const char* path, const uint8_t* data, std::size_t size, ZubImagingScaleFn target, void* context)
+{
+    thread_local std::vector<uint8_t> decoded;  // the picture before its resize, kept, see Resize
+    struct Trim {
+        ~Trim() { TrimKept(decoded); }
+    } trim;
+    int32_t outW = 0, outH = 0, filter = 0;
+    uint8_t* out = nullptr;
+    auto ask = [&](int w, int h) {
+        CheckSize(path, w, h);
+        out = target(context, w, h, &outW, &outH, &filter);
+        if (!out) Fail("%s: no memory for the picture's target", path);
+        CheckSize(path, outW, outH);
+        if (outW != w || outH != h) {
+            if (filter < ZUB_IMAGING_FILTER_NEAREST || filter > ZUB_IMAGING_FILTER_BICUBIC)
+                Fail("%s: resize: unknown filter %d", path, filter);
+        }
+    };
+    int decodedW = 0, decodedH = 0;
+    // Where a reader puts a picture of w x h: the target when nothing is resized.
+    auto place = [&](int w, int h) -> uint8_t* {
+        decodedW = w;
+        decodedH = h;
+        if (w == outW && h == outH) return out;
+        decoded.resize(static_cast<std::size_t>(w) * h * 4);
+        return decoded.data();
+    };
+
+    const std::string ext = LowerExtension(path);
+    const bool jpeg = ext == "jpg" || ext == "jpeg" || ext == "jpe";
+    int fullW = 0, fullH = 0;
+    if (jpeg && std::getenv("ZUBIMPORT_IMAGING_GENERAL_ONLY") == nullptr && zub::imaging::JpegSize(data, size, &fullW, &fullH)) {
+        ask(fullW, fullH);
+        const int denominator =
+            filter != ZUB_IMAGING_FILTER_NEAREST ? zub::imaging::JpegReduction(fullW, fullH, outW, outH) : 1;
+        std::string why;
+        const auto r = zub::imaging::DecodeJpeg(data, size, place, &why, denominator);
+        if (r == zub::imaging::FastResult::Failed) Fail("%s: %s", path, why.c_str());
+        if (r == zub::imaging::FastResult::NotMine) Fail("%s: the JPEG reader turned the picture down", path);
+    } else {
+        const ZubImagingAllocFn alloc = [](void* c, int32_t w, int32_t h) -> uint8_t* {
+            auto* self = static_cast<std::pair<decltype(ask)*, decltype(place)*>*>(c);
+            (*self->first)(w, h);
+            return (*self->second)(w, h);
+        };
+        std::pair<decltype(ask)*, decltype(place)*> self{&ask, &place};
+        Decode(path, data, size, alloc, &self);
+    }
+    if (!out) Fail("%s: the reader gave no picture", path);
+    if (decodedW == outW && decodedH == outH) return;
+    try {
+        Resize(decoded.data(), decodedW, decodedH, decodedW * 4, out, outW, outH, outW * 4, filter);
+    } catch (const Failure& f) {
+        Fail("%s: %s", path, f.message.c_str());
+    }
+}
+
 // Runs one file entry's work and answers the C ABI: 1, or 0 with the reason, naming the file,
 // copied into the caller's buffer. Nothing thrown crosses the library's edge.
 template <class Work>
@@ -424,6 +474,15 @@ int DecodeEntry(const char* path, const uint8_t* data, size_t size, ZubImagingAl
     return AnswerForFile(path, "decoder failed", error, errorSize, [&] {
         if (!path || !alloc || (!data && size)) Fail("decode: missing argument");
         Decode(path, data, size, alloc, context);
+    });
+}
+
+int DecodeScaledEntry(const char* path, const uint8_t* data, size_t size, ZubImagingScaleFn target, void* context,
+                      char* error, size_t errorSize)
+{
+    return AnswerForFile(path, "decoder failed", error, errorSize, [&] {
+        if (!path || !target || (!data && size)) Fail("decode: missing argument");
+        DecodeScaled(path, data, size, target, context);
     });
 }
 
@@ -497,7 +556,7 @@ int DescribeEntry(const char* path, const uint8_t* data, size_t size, int32_t* w
     });
 }
 
-const ZubImagingApi kApi = {ZUB_IMAGING_API_VERSION, DecodeEntry, ResizeEntry, DescribeEntry};
+const ZubImagingApi kApi = {ZUB_IMAGING_API_VERSION, DecodeEntry, ResizeEntry, DescribeEntry, DecodeScaledEntry};
 
 }  // namespace
 

@@ -13,7 +13,7 @@
 extern "C" {
 #endif
 
-#define ZUB_IMAGING_API_VERSION 2u
+#define ZUB_IMAGING_API_VERSION 3u
 #define ZUB_IMAGING_ENTRY "ZubImagingGetApi"
 
 // Resize filters, numbered as the fitting asks for them.
@@ -24,6 +24,12 @@ extern "C" {
 // Called once the image size is known; returns a buffer of height rows of width * 4 bytes,
 // or null to stop the decode (out of memory).
 typedef uint8_t* (*ZubImagingAllocFn)(void* context, int32_t width, int32_t height);
+
+// Called once the picture's size is known: sets the size the picture is to be resized to and
+// the filter for it (ignored when the size stays), and returns a buffer of *outHeight rows of
+// *outWidth * 4 bytes, or null to stop the decode (out of memory).
+typedef uint8_t* (*ZubImagingScaleFn)(void* context, int32_t width, int32_t height, int32_t* outWidth,
+                                      int32_t* outHeight, int32_t* filter);
 
 typedef struct ZubImagingApi {
     uint32_t version;  // ZUB_IMAGING_API_VERSION
@@ -41,6 +47,12 @@ typedef struct ZubImagingApi {
     // Returns 1 on success; 0 with a message.
     int (*describe)(const char* path, const uint8_t* data, size_t size, int32_t* width, int32_t* height,
                     int32_t* channels, int32_t* bitsPerChannel, char* error, size_t errorSize);
+    // Decodes as `decode` does and resizes the picture, as `resize` would, to the size `target`
+    // picks, into the buffer it gives. A reader that can decode at a reduced size does so when
+    // that size is still at least the target's on both sides and the filter is not nearest.
+    // Returns 1 on success; 0 with a message naming the file.
+    int (*decodeScaled)(const char* path, const uint8_t* data, size_t size, ZubImagingScaleFn target, void* context,
+                        char* error, size_t errorSize);
 } ZubImagingApi;
 
 typedef const ZubImagingApi* (*ZubImagingGetApiFn)(void);
