@@ -412,6 +412,44 @@ bool ApplyFit(Image& image, const FitSteps& steps, FrameSize frame, std::string*
     return true;
 }
 
+// The crop and the safe area's border only move pixels and add zero ones: done as one copy
+// of the visible part of the (resized) image straight into the frame holder, the same bytes
+// as cropping, bordering and packing one after the other.
+bool PackPlaced(const Image& image, const FitSteps& steps, FrameSize frame, FrameHolder& holder, std::string* error)
+{
+    if (image.BitsPerPixel() != 32) return Fail(error, "only 32-bit images can be packed");
+    const int W = frame.width, H = frame.height;
+    if (!holder.Allocate(W, H)) return Fail(error, "no memory for a " + SizeText(W, H) + " frame");
+    const std::int64_t left = steps.crop ? steps.left : 0, top = steps.crop ? steps.top : 0;
+    const std::int64_t dx = steps.mx - left, dy = steps.my - top;  // image to frame
+    std::int64_t x0 = std::max<std::int64_t>(0, -dx), x1 = std::min<std::int64_t>(image.Width(), W - dx);
+    std::int64_t y0 = std::max<std::int64_t>(0, -dy), y1 = std::min<std::int64_t>(image.Height(), H - dy);
+    if (steps.crop) {
+        x0 = std::max(x0, left);
+        x1 = std::min(x1, left + steps.targetW);
+        y0 = std::max(y0, top);
+        y1 = std::min(y1, top + steps.targetH);
+    }
+    const std::size_t rowBytes = static_cast<std::size_t>(W) * 4;
+    std::uint8_t* pixels = holder.Pixels();
+    auto frameRow = [&](std::int64_t y) { return pixels + rowBytes * static_cast<std::size_t>(H - 1 - y); };
+    const bool any = x1 > x0 && y1 > y0;
+    for (std::int64_t y = 0; y < H; ++y) {
+        std::uint8_t* d = frameRow(y);
+        const std::int64_t sy = y - dy;
+        if (!any || sy < y0 || sy >= y1) {
+            std::memset(d, 0, rowBytes);
+            continue;
+        }
+        const std::size_t before = static_cast<std::size_t>(x0 + dx) * 4;
+        const std::size_t middle = static_cast<std::size_t>(x1 - x0) * 4;
+        std::memset(d, 0, before);
+        std::memcpy(d + before, image.Row(static_cast<int>(sy)) + x0 * 4, middle);
+        std::memset(d + before + middle, 0, rowBytes - before - middle);
+    }
+    return true;
+}
+
 }  // namespace
 
 bool FitImage(Image& image, std::int32_t fitWord, FrameSize frame, std::string* error)
@@ -513,6 +551,11 @@ bool LoadFrame(const std::string& path, std::int32_t fitWord, bool swap, bool sh
     FitSteps steps;
     bool planned = false;
     if (!ReadFittedImageFile(path, fitWord, frameSize, image, steps, planned, error)) return false;
+    // A plan whose resize the decoder did (or that has none) ends in one placed copy.
+    if (planned && (!steps.resize || (image.Width() == steps.resizeW && image.Height() == steps.resizeH))) {
+        if (!PackPlaced(image, steps, frameSize, frame, &why)) return Fail(error, path + ": " + why);
+        return true;
+    }
     const bool fitted = planned ? ApplyFit(image, steps, frameSize, &why) : FitImage(image, fitWord, frameSize, &why);
     if (!fitted || !ConvertTo32Bits(image, &why) || !PackFrame(image, frame, &why)) return Fail(error, path + ": " + why);
     return true;

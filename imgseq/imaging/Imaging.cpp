@@ -234,28 +234,37 @@ constexpr struct {
                     {"jpeg", "jpeg"}, {"jpe", "jpeg"}, {"jpg", "jpeg"},  {"psd", "psd"},
                     {"rla", "rla"},   {"tga", "targa"}, {"tif", "tiff"}, {"tiff", "tiff"}};
 
+bool IsJpegExtension(const std::string& ext)
+{
+    return ext == "jpg" || ext == "jpeg" || ext == "jpe";
+}
+
+bool GeneralOnly()
+{
+    return std::getenv("ZUBIMPORT_IMAGING_GENERAL_ONLY") != nullptr;
+}
+
 // True-colour TGA and JPEG, the bulk of every sequence, are read straight into the caller's
 // buffer; whatever those readers do not take goes on to OpenImageIO.
 bool DecodeFast(const char* path, const std::string& ext, const uint8_t* data, std::size_t size,
                 ZubImagingAllocFn alloc, void* context)
 {
-    using zub::imaging::FastResult;
     const zub::imaging::FastAllocate allocate = [&](int w, int h) {
         CheckSize(path, w, h);
         return Allocate(path, alloc, context, w, h);
     };
     std::string why;
-    FastResult r = FastResult::NotMine;
-    if (ext == "tga") r = zub::imaging::DecodeTga(data, size, allocate, &why);
-    else if (ext == "jpg" || ext == "jpeg" || ext == "jpe") r = zub::imaging::DecodeJpeg(data, size, allocate, &why);
-    if (r == FastResult::Failed) Fail("%s: %s", path, why.c_str());
-    return r == FastResult::Decoded;
+    bool taken = false, ok = true;
+    if (ext == "tga") ok = zub::imaging::DecodeTga(data, size, allocate, &taken, &why);
+    else if (IsJpegExtension(ext)) ok = zub::imaging::DecodeJpeg(data, size, allocate, &taken, &why);
+    if (!ok) Fail("%s: %s", path, why.c_str());
+    return taken;
 }
 
 void Decode(const char* path, const uint8_t* data, std::size_t size, ZubImagingAllocFn alloc, void* context)
 {
     const std::string ext = LowerExtension(path);
-    if (std::getenv("ZUBIMPORT_IMAGING_GENERAL_ONLY") == nullptr && DecodeFast(path, ext, data, size, alloc, context))
+    if (!GeneralOnly() && DecodeFast(path, ext, data, size, alloc, context))
         return;
     for (const auto& e : kOiioReaders)
         if (ext == e.ext) return DecodeWithOiio(path, e.oiio, data, size, alloc, context);
@@ -326,16 +335,42 @@ __attribute__((optimize("O3"))) void JoinRow(const uint8_t* __restrict b, const 
     }
 }
 
-void Resize(const uint8_t* src, int sw, int sh, int sstride, uint8_t* dst, int dw, int dh, int dstride, int filter)
+int ScaleFlags(int filter)
 {
-    int flags = 0;
     switch (filter) {
-    case ZUB_IMAGING_FILTER_NEAREST: flags = SWS_POINT; break;
-    case ZUB_IMAGING_FILTER_BILINEAR: flags = SWS_BILINEAR; break;
-    case ZUB_IMAGING_FILTER_BICUBIC: flags = SWS_BICUBIC; break;
+    case ZUB_IMAGING_FILTER_NEAREST: return SWS_POINT;
+    case ZUB_IMAGING_FILTER_BILINEAR: return SWS_BILINEAR;
+    case ZUB_IMAGING_FILTER_BICUBIC: return SWS_BICUBIC;
     default: Fail("resize: unknown filter %d", filter);
     }
-    if (sw <= 0 || sh <= 0 || dw <= 0 || dh <= 0 || sstride < sw * 4 || dstride < dw * 4)
+}
+
+// Plane buffers of a resize, kept between frames: fresh multi-megabyte blocks every frame
+// cost more in page faults than the scaling. `in` holds the source's four planes (B, G, R, A),
+// `out` the result's.
+struct PlaneBuffers {
+    std::vector<uint8_t> in, out;
+};
+PlaneBuffers& Planes()
+{
+    thread_local PlaneBuffers buffers;
+    return buffers;
+}
+
+uint8_t* SourcePlanes(int sw, int sh)
+{
+    std::vector<uint8_t>& in = Planes().in;
+    const std::size_t bytes = static_cast<std::size_t>(sw) * sh * 4;
+    if (in.size() < bytes) in.resize(bytes);
+    return in.data();
+}
+
+// Scales the source planes (as SourcePlanes laid them out) into dst as packed BGRA. The alpha
+// plane of an opaque picture is not scaled: a constant plane scales to itself.
+void ScalePlanes(int sw, int sh, bool opaque, uint8_t* dst, int dw, int dh, int dstride, int filter)
+{
+    const int flags = ScaleFlags(filter);
+    if (sw <= 0 || sh <= 0 || dw <= 0 || dh <= 0 || dstride < dw * 4)
         Fail("resize: bad geometry %dx%d -> %dx%d", sw, sh, dw, dh);
     // libswscale scales packed RGB by way of YUV, which shifts colours even where nothing is
     // resized; each channel scaled as a plane of its own stays exact. A scaler per thread,
@@ -347,43 +382,59 @@ void Resize(const uint8_t* src, int sw, int sh, int sstride, uint8_t* dst, int d
     cached.reset(ctx);
     if (!ctx) Fail("resize: libswscale refused %dx%d -> %dx%d", sw, sh, dw, dh);
 
-    const std::size_t srcPlane = static_cast<std::size_t>(sw) * sh, dstPlane = static_cast<std::size_t>(dw) * dh;
-    // Plane buffers kept between frames: fresh multi-megabyte blocks every frame cost more in
-    // page faults than the scaling.
-    thread_local std::vector<uint8_t> in, out;
-    if (in.size() < srcPlane * 4) in.resize(srcPlane * 4);
-    if (out.size() < dstPlane * 4) out.resize(dstPlane * 4);
-    // Split into planes, noting whether the picture is opaque: then the alpha plane needs no
-    // scaling (a constant plane scales to itself) and a quarter of the work goes.
-    uint32_t alphaAll = 0xFF;
-    for (int y = 0; y < sh; ++y) {
-        const uint8_t* s = src + static_cast<std::size_t>(y) * sstride;
-        const std::size_t row = static_cast<std::size_t>(y) * sw;
-        alphaAll &= SplitRow(s, sw, in.data() + row, in.data() + srcPlane + row, in.data() + 2 * srcPlane + row,
-                             in.data() + 3 * srcPlane + row);
-    }
-    const bool opaque = alphaAll == 0xFF;
+    PlaneBuffers& buffers = Planes();
     struct Trim {
+        PlaneBuffers& b;
         ~Trim()
         {
-            TrimKept(in);
-            TrimKept(out);
+            TrimKept(b.in);
+            TrimKept(b.out);
         }
-    } trim;
+    } trim{buffers};
+    const std::size_t srcPlane = static_cast<std::size_t>(sw) * sh, dstPlane = static_cast<std::size_t>(dw) * dh;
+    if (buffers.in.size() < srcPlane * 4) Fail("resize: the source planes are missing");
+    if (buffers.out.size() < dstPlane * 4) buffers.out.resize(dstPlane * 4);
+    uint8_t* in = buffers.in.data();
+    uint8_t* out = buffers.out.data();
     for (int c = 0; c < (opaque ? 3 : 4); ++c) {
-        const uint8_t* srcPlanes[4] = {in.data() + c * srcPlane, nullptr, nullptr, nullptr};
+        const uint8_t* srcPlanes[4] = {in + c * srcPlane, nullptr, nullptr, nullptr};
         const int srcStrides[4] = {sw, 0, 0, 0};
-        uint8_t* dstPlanes[4] = {out.data() + c * dstPlane, nullptr, nullptr, nullptr};
+        uint8_t* dstPlanes[4] = {out + c * dstPlane, nullptr, nullptr, nullptr};
         const int dstStrides[4] = {dw, 0, 0, 0};
         if (sws_scale(ctx, srcPlanes, srcStrides, 0, sh, dstPlanes, dstStrides) != dh)
             Fail("resize: libswscale failed %dx%d -> %dx%d", sw, sh, dw, dh);
     }
-    if (opaque) std::memset(out.data() + 3 * dstPlane, 0xFF, dstPlane);
+    if (opaque) std::memset(out + 3 * dstPlane, 0xFF, dstPlane);
     for (int y = 0; y < dh; ++y) {
         const std::size_t row = static_cast<std::size_t>(y) * dw;
-        JoinRow(out.data() + row, out.data() + dstPlane + row, out.data() + 2 * dstPlane + row,
-                out.data() + 3 * dstPlane + row, dw, dst + static_cast<std::size_t>(y) * dstride);
+        JoinRow(out + row, out + dstPlane + row, out + 2 * dstPlane + row, out + 3 * dstPlane + row, dw,
+                dst + static_cast<std::size_t>(y) * dstride);
     }
+}
+
+void Resize(const uint8_t* src, int sw, int sh, int sstride, uint8_t* dst, int dw, int dh, int dstride, int filter)
+{
+    ScaleFlags(filter);
+    if (sw <= 0 || sh <= 0 || dw <= 0 || dh <= 0 || sstride < sw * 4 || dstride < dw * 4)
+        Fail("resize: bad geometry %dx%d -> %dx%d", sw, sh, dw, dh);
+    // Split into planes, noting whether the picture is opaque.
+    uint8_t* in = SourcePlanes(sw, sh);
+    const std::size_t srcPlane = static_cast<std::size_t>(sw) * sh;
+    uint32_t alphaAll = 0xFF;
+    for (int y = 0; y < sh; ++y) {
+        const uint8_t* s = src + static_cast<std::size_t>(y) * sstride;
+        const std::size_t row = static_cast<std::size_t>(y) * sw;
+        alphaAll &= SplitRow(s, sw, in + row, in + srcPlane + row, in + 2 * srcPlane + row, in + 3 * srcPlane + row);
+    }
+    ScalePlanes(sw, sh, alphaAll == 0xFF, dst, dw, dh, dstride, filter);
+}
+
+// Decode with a C++ callable for the allocation.
+template <class Place>
+void DecodeInto(const char* path, const uint8_t* data, std::size_t size, Place& place)
+{
+    const ZubImagingAllocFn alloc = [](void* c, int32_t w, int32_t h) -> uint8_t* { return (*static_cast<Place*>(c))(w, h); };
+    Decode(path, data, size, alloc, &place);
 }
 
 // Decode, then resize to the size the caller picks once it knows the picture's, into the
@@ -399,53 +450,76 @@ void DecodeScaled(const char* path, const uint8_t* data, std::size_t size, ZubIm
     } trim;
     int32_t outW = 0, outH = 0, filter = 0;
     uint8_t* out = nullptr;
+    // The caller picks the target once the picture's full size is known.
     auto ask = [&](int w, int h) {
         CheckSize(path, w, h);
         out = target(context, w, h, &outW, &outH, &filter);
         if (!out) Fail("%s: no memory for the picture's target", path);
         CheckSize(path, outW, outH);
-        if (outW != w || outH != h) {
-            if (filter < ZUB_IMAGING_FILTER_NEAREST || filter > ZUB_IMAGING_FILTER_BICUBIC)
-                Fail("%s: resize: unknown filter %d", path, filter);
-        }
+        if ((outW != w || outH != h) && (filter < ZUB_IMAGING_FILTER_NEAREST || filter > ZUB_IMAGING_FILTER_BICUBIC))
+            Fail("%s: resize: unknown filter %d", path, filter);
     };
     int decodedW = 0, decodedH = 0;
-    // Where a reader puts a picture of w x h: the target when nothing is resized.
+    // Where a reader puts a picture of w x h: the target itself when nothing is resized. A
+    // reader that decodes at a reduced size has asked already with the full size.
     auto place = [&](int w, int h) -> uint8_t* {
+        if (!out) ask(w, h);
         decodedW = w;
         decodedH = h;
         if (w == outW && h == outH) return out;
         decoded.resize(static_cast<std::size_t>(w) * h * 4);
         return decoded.data();
     };
+    auto scaled = [&](auto&& scale) {
+        try {
+            scale();
+        } catch (const Failure& f) {
+            Fail("%s: %s", path, f.message.c_str());
+        }
+    };
 
     const std::string ext = LowerExtension(path);
-    const bool jpeg = ext == "jpg" || ext == "jpeg" || ext == "jpe";
+    std::string why;
+    bool taken = false;
     int fullW = 0, fullH = 0;
-    if (jpeg && std::getenv("ZUBIMPORT_IMAGING_GENERAL_ONLY") == nullptr && zub::imaging::JpegSize(data, size, &fullW, &fullH)) {
+    if (!GeneralOnly() && IsJpegExtension(ext) && zub::imaging::JpegSize(data, size, &fullW, &fullH)) {
         ask(fullW, fullH);
         const int denominator =
             filter != ZUB_IMAGING_FILTER_NEAREST ? zub::imaging::JpegReduction(fullW, fullH, outW, outH) : 1;
-        std::string why;
-        const auto r = zub::imaging::DecodeJpeg(data, size, place, &why, denominator);
-        if (r == zub::imaging::FastResult::Failed) Fail("%s: %s", path, why.c_str());
-        if (r == zub::imaging::FastResult::NotMine) Fail("%s: the JPEG reader turned the picture down", path);
-    } else {
-        const ZubImagingAllocFn alloc = [](void* c, int32_t w, int32_t h) -> uint8_t* {
-            auto* self = static_cast<std::pair<decltype(ask)*, decltype(place)*>*>(c);
-            (*self->first)(w, h);
-            return (*self->second)(w, h);
+        if (!zub::imaging::DecodeJpeg(data, size, place, &taken, &why, denominator)) Fail("%s: %s", path, why.c_str());
+        if (!taken) Fail("%s: the JPEG reader turned the picture down", path);
+    } else if (!GeneralOnly() && ext == "tga") {
+        // A TGA that is resized is read straight into the planes the scaler works on; one that
+        // keeps its size straight into the target.
+        bool opaque = true, planar = false;
+        const zub::imaging::PlanesAllocate planes = [&](int w, int h, uint8_t* p[4]) {
+            ask(w, h);
+            if (w == outW && h == outH) return false;
+            planar = true;
+            uint8_t* in = SourcePlanes(w, h);
+            const std::size_t plane = static_cast<std::size_t>(w) * h;
+            for (int c = 0; c < 4; ++c) p[c] = in + c * plane;
+            decodedW = w;
+            decodedH = h;
+            return true;
         };
-        std::pair<decltype(ask)*, decltype(place)*> self{&ask, &place};
-        Decode(path, data, size, alloc, &self);
+        const bool ok = zub::imaging::DecodeTgaPlanes(data, size, planes, &opaque, &taken, &why);
+        if (planar) {
+            if (!ok) Fail("%s: %s", path, why.c_str());
+            scaled([&] { ScalePlanes(decodedW, decodedH, opaque, out, outW, outH, outW * 4, filter); });
+            return;
+        }
+        if (taken) {
+            if (!zub::imaging::DecodeTga(data, size, place, &taken, &why)) Fail("%s: %s", path, why.c_str());
+        } else {
+            DecodeInto(path, data, size, place);
+        }
+    } else {
+        DecodeInto(path, data, size, place);
     }
     if (!out) Fail("%s: the reader gave no picture", path);
     if (decodedW == outW && decodedH == outH) return;
-    try {
-        Resize(decoded.data(), decodedW, decodedH, decodedW * 4, out, outW, outH, outW * 4, filter);
-    } catch (const Failure& f) {
-        Fail("%s: %s", path, f.message.c_str());
-    }
+    scaled([&] { Resize(decoded.data(), decodedW, decodedH, decodedW * 4, out, outW, outH, outW * 4, filter); });
 }
 
 // Runs one file entry's work and answers the C ABI: 1, or 0 with the reason, naming the file,

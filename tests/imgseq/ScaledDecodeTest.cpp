@@ -81,6 +81,13 @@ TEST(ScaledDecode, OtherFormatsGiveExactlyThePlainRoute)
     const std::vector<std::string> files = {
         MakeStill(dir, "rle.tga", src),
         MakeStill(dir, "alpha.tga", src + ",format=rgba,geq=r='r(X,Y)':g='g(X,Y)':b='b(X,Y)':a='X/4'"),
+        MakeStill(dir, "raw.tga", src, {"-rle", "0"}),
+        MakeStill(dir, "rawalpha.tga", src + ",format=rgba,geq=r='r(X,Y)':g='g(X,Y)':b='b(X,Y)':a='Y/3'", {"-rle", "0"}),
+        MakeStill(dir, "opaque.tga", src + ",format=rgba", {"-rle", "0"}),
+        // Smaller than the frame, exactly the Safe Title target, exactly the frame.
+        MakeStill(dir, "small.tga", "testsrc2=size=300x200"),
+        MakeStill(dir, "title.bmp", "testsrc2=size=576x388"),
+        MakeStill(dir, "frame.tga", "testsrc2=size=720x486"),
         MakeStill(dir, "plain.bmp", src),
         MakeStill(dir, "plain.tif", src),
     };
@@ -90,6 +97,7 @@ TEST(ScaledDecode, OtherFormatsGiveExactlyThePlainRoute)
         MakeFitWord(kFitWidth, kAreaNormal, kResizeBiLinear),    MakeFitWord(kFitStretchHeight, kAreaNormal, kResizeBiCubic),
         MakeFitWord(kFitStretchWidth, kAreaSafeTitle, kResizeNearest), MakeFitWord(kFitCenter, kAreaNormal, kResizeBiCubic),
         MakeFitWord(kFitLowerRight, kAreaSafeImage, kResizeNearest),
+        MakeFitWord(kFitUpperRight, kAreaSafeTitle, kResizeBiCubic), MakeFitWord(kFitLowerLeft, kAreaNormal, kResizeBiCubic),
     };
     for (const auto& file : files)
         for (const std::int32_t word : words) {
@@ -185,6 +193,21 @@ TEST(ScaledDecode, FailuresReadAsBefore)
         EXPECT_FALSE(LoadFrame(bad, MakeFitWord(kFitAll, kAreaNormal, kResizeBiCubic), false, false, kNtsc, frame, &e2));
         EXPECT_EQ(e1, e2);
         EXPECT_EQ(e2.rfind(bad + ": ", 0), 0u) << e2;
+    }
+    // A TGA cut short fails alike on both routes, with the file and the reason, whether it is
+    // resized (read into planes) or kept at its size.
+    const std::string tga = MakeStill(dir, "full.tga", "testsrc2=size=1000x700", {"-rle", "0"});
+    std::ifstream tin(tga, std::ios::binary);
+    std::string tgaBytes((std::istreambuf_iterator<char>(tin)), {});
+    const std::string cutTga = dir / "cut.tga";
+    std::ofstream(cutTga, std::ios::binary).write(tgaBytes.data(), static_cast<std::streamsize>(tgaBytes.size() / 2));
+    for (const std::int32_t word : {MakeFitWord(kFitAll, kAreaNormal, kResizeBiCubic), MakeFitWord(kFitCenter, kAreaNormal, 0)}) {
+        FrameHolder frame;
+        std::string e1, e2;
+        EXPECT_FALSE(FullRoute(cutTga, word, frame, &e1));
+        EXPECT_FALSE(LoadFrame(cutTga, word, false, false, kNtsc, frame, &e2));
+        EXPECT_EQ(e1, e2);
+        EXPECT_EQ(e2, cutTga + ": the pixels are cut short");
     }
     // A truncated JPEG still gives a picture (libjpeg pads it) on both routes, alike in size.
     FrameHolder plain, oneStep;
