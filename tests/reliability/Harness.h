@@ -227,10 +227,55 @@ struct ClipRead {
     std::string text;
 };
 
+// The built parts the jobs load or run, copied once per test process out of the shared build
+// folder. Other builds re-link them in place there, and a job that loads one while it is being
+// written gets a file cut short ("file too short"): a run once failed so. A copy is taken
+// when the file has not changed for a second, and checked against it afterwards.
+struct BuiltParts {
+    std::string recorderDir;  // ends with '/'
+    std::string imaging;
+    std::string zubclip;
+};
+
+inline std::string SettledCopy(const std::string& from, const std::string& to)
+{
+    for (int attempt = 0; attempt < 600; ++attempt) {
+        std::error_code ec, ec2;
+        const auto size = fs::file_size(from, ec);
+        const auto stamp = fs::last_write_time(from, ec2);
+        const bool settled = !ec && !ec2 && size > 0 && fs::file_time_type::clock::now() - stamp > std::chrono::seconds(1);
+        if (settled && fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec) && !ec &&
+            fs::file_size(from, ec) == size && fs::last_write_time(from, ec2) == stamp && fs::file_size(to, ec) == size)
+            return to;
+        ::usleep(200000);
+    }
+    ADD_FAILURE() << from << " kept changing; the jobs use it where it is";
+    return from;
+}
+
+inline const BuiltParts& Built()
+{
+    static TempDir* dir = nullptr;
+    static BuiltParts parts;
+    if (!dir) {
+        dir = new TempDir;  // removed when the process ends, see below
+        static struct Remove {
+            ~Remove() { delete dir; }
+        } remove;
+        const std::string d = dir->Path().string() + "/";
+        for (const char* lib : {"libZUBDDR.so", "libTbxDll.so"})
+            SettledCopy(std::string(ZUB_TEST_RECORDER_DIR) + lib, d + lib);
+        parts.recorderDir = d;
+        parts.imaging = SettledCopy(ZUB_TEST_IMAGING, d + fs::path(ZUB_TEST_IMAGING).filename().string());
+        parts.zubclip = SettledCopy(ZUBCLIP, d + "zubclip");
+    }
+    return parts;
+}
+
 inline ClipRead ReadClip(const std::string& clip)
 {
     ClipRead r;
-    r.text = Capture(std::string(ZUBCLIP) + " info " + Sh(clip) + " 2>&1", &r.status);
+    r.text = Capture(Built().zubclip + " info " + Sh(clip) + " 2>&1", &r.status);
     std::smatch m;
     if (std::regex_search(r.text, m, std::regex("frames written \\(header\\): (\\d+)"))) r.header = std::stoi(m[1]);
     if (std::regex_search(r.text, m, std::regex("frames readable: video (\\d+)"))) r.readable = std::stoi(m[1]);
@@ -243,7 +288,7 @@ inline std::vector<int> ClipNumbers(const std::string& clip, const std::string& 
 {
     fs::create_directories(dir);
     int status = -1;
-    const std::string list = Capture(std::string(ZUBCLIP) + " export " + Sh(clip) + " -o " + Sh(dir) + " 2>/dev/null", &status);
+    const std::string list = Capture(Built().zubclip + " export " + Sh(clip) + " -o " + Sh(dir) + " 2>/dev/null", &status);
     std::vector<int> numbers;
     if (status != 0) return {-2};
     std::vector<std::string> pngs;
@@ -337,8 +382,8 @@ public:
         fs::create_directories(dir_.Path() / "audio");
         fs::create_directories(dir_.Path() / "tmp");
         fs::create_directories(dir_.Path() / "modules");
-        ::setenv(kRecorderDirVariable, ZUB_TEST_RECORDER_DIR, 1);
-        ::setenv("ZUBIMPORT_IMAGING_LIBRARY", ZUB_TEST_IMAGING, 1);
+        ::setenv(kRecorderDirVariable, Built().recorderDir.c_str(), 1);
+        ::setenv("ZUBIMPORT_IMAGING_LIBRARY", Built().imaging.c_str(), 1);
         ::setenv("ZUBREC_CONFIG", (dir_ / "none.ini").c_str(), 1);
         ::setenv("ZUBREC_VOLUME", (dir_.Path().string() + "/").c_str(), 1);
         ::setenv("ZUBREC_LINES", lines, 1);
