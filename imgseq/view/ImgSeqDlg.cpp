@@ -244,8 +244,11 @@ void ImgSeqDlg::dropEvent(QDropEvent* e)
 
 void ImgSeqDlg::EditSettings()
 {
-    SeqSettingsDlg dlg(CurrentSettings(), clipName_, this);
-    if (dlg.exec() == QDialog::Accepted) ApplySettings(dlg.Settings(), dlg.ClipName());
+    // The pages work on a copy: the preview compares it with what is current on OK.
+    ImportSettings edited = CurrentSettings();
+    std::string name = clipName_;
+    auto dlg = MakeImpSeqSettingsDialog(this, edited, name);
+    if (dlg->exec() == QDialog::Accepted) ApplySettings(edited, name);
 }
 
 void ImgSeqDlg::ApplySettings(const ImportSettings& s, const std::string& clipName)

@@ -1,33 +1,33 @@
 // "Import Sequence Settings": the sequence's own page (fit, resize method, field and contour
-// options, clip name) and thin Video and Alpha pages, editing a copy of the settings that is
-// handed back only on OK. Kept thin so the shared settings pages can take the Video and Alpha
-// tabs over.
+// options, fill gaps, clip name) before the shared Video and Alpha pages, in the shared tabbed
+// dialog. Every page works on one settings record; Cancel puts it back as it was.
 #pragma once
 
-#include <QDialog>
-
+#include <memory>
 #include <string>
 
+#include "controls/TabbedDialog.h"
 #include "zubimport/ImportSettings.h"
 
 class QButtonGroup;
 class QCheckBox;
 class QComboBox;
-class QDoubleSpinBox;
 class QLineEdit;
 
 namespace zub {
 
-class SeqSettingsDlg : public QDialog {
+// The "Import Sequence" page. Filled from the settings (and the clip name) when shown,
+// written back when left; it has nothing to refuse.
+class CImpSeqSettingsPage : public controls::CTabdDlgPage {
 public:
-    SeqSettingsDlg(const ImportSettings& settings, const std::string& clipName, QWidget* parent = nullptr);
+    CImpSeqSettingsPage(ImportSettings& settings, std::string& clipName, QWidget* parent = nullptr);
 
-    // What the pages hold now (the fit word from the radio buttons and the two lists).
-    ImportSettings Settings() const;
-    std::string ClipName() const;
+    void OnSetActive() override;
+    bool OnKillActive() override;
 
 private:
-    ImportSettings base_;
+    ImportSettings& settings_;
+    std::string& clipName_;
     QButtonGroup* fitMode_ = nullptr;
     QComboBox* area_ = nullptr;
     QComboBox* method_ = nullptr;
@@ -36,15 +36,12 @@ private:
     QCheckBox* adapt_ = nullptr;
     QCheckBox* alphaAdapt_ = nullptr;
     QCheckBox* fillGaps_ = nullptr;
-    QLineEdit* clipName_ = nullptr;
-    QCheckBox* videoUncompressed_ = nullptr;
-    QDoubleSpinBox* videoRate_ = nullptr;
-    QCheckBox* fixedSize_ = nullptr;
-    QLineEdit* videoDir_ = nullptr;
-    QCheckBox* createAlpha_ = nullptr;
-    QCheckBox* alphaSame_ = nullptr;
-    QCheckBox* alphaUncompressed_ = nullptr;
-    QDoubleSpinBox* alphaRate_ = nullptr;
+    QLineEdit* name_ = nullptr;
 };
+
+// The dialog over `settings` and `clipName`, both written as the pages are left (and put back
+// on Cancel): "Import Sequence", "Video", "Alpha".
+std::unique_ptr<controls::CTabdDlg> MakeImpSeqSettingsDialog(QWidget* parent, ImportSettings& settings,
+                                                             std::string& clipName);
 
 }  // namespace zub

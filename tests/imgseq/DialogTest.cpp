@@ -9,7 +9,7 @@
 #include <QMimeData>
 #include <QUrl>
 #include <QComboBox>
-#include <QDoubleSpinBox>
+#include <QTabWidget>
 #include <QLineEdit>
 #include <QRadioButton>
 #include <QProgressBar>
@@ -18,6 +18,7 @@
 #include <QTimer>
 #include <QTreeWidget>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "tests/imgseq/RunTestSupport.h"
@@ -26,6 +27,10 @@
 #include "imgseq/Profile.h"
 #include "imgseq/view/ImgSeqDlg.h"
 #include "imgseq/view/SeqSettingsDlg.h"
+#include "controls/NumericEdit.h"
+#include "settings/SettingsPages.h"
+#include "settings/view/SettingsViews.h"
+#include "zubimport/Prompt.h"
 #include "imgseq/StartImgSeq.h"
 #include "zubimport/Import.h"
 
@@ -189,34 +194,174 @@ TEST(ImgSeqDialog, ShowImagesOnOutputOnlyWithZub)
     }
 }
 
-TEST(ImgSeqDialog, SettingsDialogGivesBackWhatItsPagesHold)
+namespace {
+
+template <class T>
+T* Find(QWidget* root, const char* name)
+{
+    T* w = root->findChild<T*>(name);
+    EXPECT_NE(w, nullptr) << name;
+    return w;
+}
+
+void Retype(QLineEdit* e, const QString& text)
+{
+    e->setFocus();
+    e->selectAll();
+    QTest::keyClick(e, Qt::Key_Delete);
+    QTest::keyClicks(e, text);
+}
+
+}  // namespace
+
+// The sequence's own page comes first, then the shared Video and Alpha pages (their controls,
+// ids and rules); what every page holds reaches the settings on OK.
+TEST(ImgSeqDialog, SettingsDialogIsTheSequencePageThenTheSharedPages)
 {
     App();
-    ImportSettings s;
+    Volume vol;
+    ASSERT_TRUE(vol.Opened());
+    ScopedPrompter quiet(std::make_shared<ScriptedPrompt>());
+    ImportSettings s = CurrentSettings();
     s.fitWord = MakeFitWord(kFitHeight, kAreaSafeImage, kResizeBiLinear);
-    s.videoDataRate = 3 * 1024 * 1024 + 7;  // shown rounded, kept exact when left alone
-    s.videoDir = "/clips/";
-    SeqSettingsDlg same(s, "name");
-    EXPECT_EQ(same.Settings(), s);
-    EXPECT_EQ(same.ClipName(), "name");
+    s.videoUncompressed = 0;
+    s.videoDataRate = 3 * 1024 * 1024;
+    s.createAlpha = 1;
+    s.alphaSameAsVideo = 0;
+    s.alphaUncompressed = 0;
+    s.alphaDataRate = 4 * 1024 * 1024;
+    std::string name = "name";
+    auto dlg = MakeImpSeqSettingsDialog(nullptr, s, name);
+    dlg->show();
+    EXPECT_EQ(dlg->windowTitle(), "Import Sequence Settings");
+    ASSERT_EQ(dlg->PageCount(), 3);
+    EXPECT_EQ(dlg->Tabs()->tabText(0), "Import Sequence");
+    EXPECT_EQ(dlg->Tabs()->tabText(1), "Video");
+    EXPECT_EQ(dlg->Tabs()->tabText(2), "Alpha");
+    QWidget* seq = dlg->Page(0);
+    QWidget* video = dlg->Page(1);
+    QWidget* alpha = dlg->Page(2);
+    EXPECT_NE(dynamic_cast<settings::CVidRecSettingsDlg*>(video), nullptr);
+    EXPECT_NE(dynamic_cast<settings::CVidRecSettingsDlg*>(alpha), nullptr);
 
-    SeqSettingsDlg dlg(s, "name");
-    dlg.findChild<QRadioButton*>("fitMode8")->click();
-    dlg.findChild<QComboBox*>("area")->setCurrentIndex(kAreaNormal);
-    dlg.findChild<QComboBox*>("resizeMethod")->setCurrentIndex(kResizeBiCubic);
-    dlg.findChild<QCheckBox*>("swap")->setChecked(true);
-    dlg.findChild<QCheckBox*>("fillGaps")->setChecked(true);
-    dlg.findChild<QDoubleSpinBox*>("videoDataRate")->setValue(2.0);
-    dlg.findChild<QLineEdit*>("videoDir")->setText("/other");
-    dlg.findChild<QLineEdit*>("clipName")->setText("renamed");
-    const ImportSettings got = dlg.Settings();
-    EXPECT_EQ(got.fitWord, MakeFitWord(kFitAll, kAreaNormal, kResizeBiCubic));
-    EXPECT_EQ(got.swapFields, 1);
-    EXPECT_EQ(got.fillGaps, 1);
-    EXPECT_EQ(got.videoDataRate, 2 * 1024 * 1024);
-    EXPECT_EQ(got.videoDir, "/other/");
-    EXPECT_EQ(dlg.ClipName(), "renamed");
-    EXPECT_EQ(dlg.windowTitle(), "Import Sequence Settings");
+    // The page shows the settings it was given.
+    EXPECT_TRUE(Find<QRadioButton>(seq, "fitMode6")->isChecked());
+    EXPECT_EQ(Find<QComboBox>(seq, "area")->currentText(), "Safe Image");
+    EXPECT_EQ(Find<QComboBox>(seq, "resizeMethod")->currentText(), "BiLinear");
+    EXPECT_EQ(Find<QLineEdit>(seq, "clipName")->text(), "name");
+    EXPECT_EQ(Find<controls::NumericEdit>(video, "datarate_1109")->text(), "3.00");
+    EXPECT_EQ(Find<QLineEdit>(video, "directory_2254")->text().toStdString(), s.videoDir);
+
+    Find<QRadioButton>(seq, "fitMode8")->click();
+    Find<QComboBox>(seq, "area")->setCurrentIndex(kAreaNormal);
+    Find<QComboBox>(seq, "resizeMethod")->setCurrentIndex(kResizeBiCubic);
+    Find<QCheckBox>(seq, "swap")->setChecked(true);
+    Find<QCheckBox>(seq, "alphaAdaptive")->setChecked(true);
+    Find<QCheckBox>(seq, "fillGaps")->setChecked(true);
+    Retype(Find<QLineEdit>(seq, "clipName"), "renamed");
+    ASSERT_TRUE(dlg->SetActivePage(1));
+    Retype(Find<controls::NumericEdit>(video, "datarate_1109"), "2.50");
+    Find<QCheckBox>(video, "fixedFieldSize_2353")->setChecked(true);
+    ASSERT_TRUE(dlg->SetActivePage(2));
+    Find<QCheckBox>(alpha, "sameAsVideo_1380")->setChecked(true);
+    Find<QPushButton>(dlg.get(), "ok_1")->click();
+
+    EXPECT_EQ(s.fitWord, MakeFitWord(kFitAll, kAreaNormal, kResizeBiCubic));
+    EXPECT_EQ(s.swapFields, 1);
+    EXPECT_EQ(s.alphaAdaptive, 1);
+    EXPECT_EQ(s.fillGaps, 1);
+    EXPECT_EQ(s.videoDataRate, 2621440);  // 2.50 MB/sec
+    EXPECT_EQ(s.fixedFieldSize, 1);
+    EXPECT_EQ(s.alphaSameAsVideo, 1);
+    EXPECT_EQ(name, "renamed");
+}
+
+// The shared pages' rules hold here too: a rate out of range keeps the Video page open with
+// its message; Cancel then puts back the settings and the clip name.
+TEST(ImgSeqDialog, SettingsDialogRefusesABadRateAndCancelPutsEverythingBack)
+{
+    App();
+    Volume vol;
+    ASSERT_TRUE(vol.Opened());
+    auto prompt = std::make_shared<ScriptedPrompt>();
+    ScopedPrompter scope(prompt);
+    ImportSettings s = CurrentSettings();
+    s.videoUncompressed = 0;
+    s.videoDataRate = 3 * 1024 * 1024;
+    const ImportSettings before = s;
+    std::string name = "keep";
+    auto dlg = MakeImpSeqSettingsDialog(nullptr, s, name);
+    dlg->show();
+    Find<QCheckBox>(dlg->Page(0), "shift")->setChecked(!before.shiftDown);
+    Retype(Find<QLineEdit>(dlg->Page(0), "clipName"), "changed");
+    ASSERT_TRUE(dlg->SetActivePage(1));
+    Retype(Find<controls::NumericEdit>(dlg->Page(1), "datarate_1109"), "15.01");
+    Find<QPushButton>(dlg.get(), "ok_1")->click();
+    EXPECT_TRUE(dlg->isVisible());
+    EXPECT_EQ(dlg->ActiveIndex(), 1);
+    const auto texts = prompt->Texts();
+    EXPECT_NE(std::find(texts.begin(), texts.end(), std::string(settings::kInvalidRateMessage)), texts.end());
+    Find<QPushButton>(dlg.get(), "cancel_2")->click();
+    EXPECT_EQ(s, before);
+    EXPECT_EQ(name, "keep");
+}
+
+// The whole way round from the sequence dialog: "S&ettings..." changed on the pages, saved
+// into a profile, the settings changed again, the profile loaded: back as the pages left them.
+TEST(ImgSeqDialog, SettingsFromThePagesAreSavedIntoTheProfileAndLoadedBack)
+{
+    App();
+    Volume vol;
+    ASSERT_TRUE(vol.Opened());
+    ScopedPrompter quiet(std::make_shared<ScriptedPrompt>());
+    const auto files = MakeStills(vol.ImageDir(), "round", "tga", 2);
+    ImgSeqDlg dlg(nullptr, files, false);
+    dlg.show();
+    dlg.ShowPreview(true);
+    const int loads = dlg.PreviewLoads();
+    bool edited = false;
+    QTimer::singleShot(0, [&] {
+        auto* box = dynamic_cast<controls::CTabdDlg*>(QApplication::activeModalWidget());
+        ASSERT_NE(box, nullptr);
+        EXPECT_EQ(box->windowTitle(), "Import Sequence Settings");
+        Find<QRadioButton>(box->Page(0), "fitMode5")->click();
+        Find<QComboBox>(box->Page(0), "area")->setCurrentIndex(kAreaSafeTitle);
+        Find<QComboBox>(box->Page(0), "resizeMethod")->setCurrentIndex(kResizeNearest);
+        Find<QCheckBox>(box->Page(0), "videoAdaptive")->setChecked(true);
+        Retype(Find<QLineEdit>(box->Page(0), "clipName"), "fromPages");
+        ASSERT_TRUE(box->SetActivePage(1));
+        Find<QCheckBox>(box->Page(1), "uncompressed_1124")->setChecked(false);
+        Retype(Find<controls::NumericEdit>(box->Page(1), "datarate_1109"), "4.00");
+        ASSERT_TRUE(box->SetActivePage(2));
+        Find<QCheckBox>(box->Page(2), "createAlpha_1381")->setChecked(true);
+        Find<QCheckBox>(box->Page(2), "sameAsVideo_1380")->setChecked(false);
+        Find<QCheckBox>(box->Page(2), "uncompressed_1124")->setChecked(false);
+        Retype(Find<controls::NumericEdit>(box->Page(2), "datarate_1109"), "1.50");
+        Find<QPushButton>(box, "ok_1")->click();
+        edited = true;
+    });
+    Find<QPushButton>(&dlg, "settings")->click();
+    ASSERT_TRUE(edited);
+    const ImportSettings fromPages = CurrentSettings();
+    EXPECT_EQ(fromPages.fitWord, MakeFitWord(kFitStretchAll, kAreaSafeTitle, kResizeNearest));
+    EXPECT_EQ(fromPages.videoAdaptive, 1);
+    EXPECT_EQ(fromPages.videoDataRate, 4 * 1024 * 1024);
+    EXPECT_EQ(fromPages.createAlpha, 1);
+    EXPECT_EQ(fromPages.alphaDataRate, 1572864);
+    EXPECT_EQ(dlg.ClipName(), "fromPages");
+    EXPECT_EQ(dlg.PreviewLoads(), loads + 1);  // the fit changed
+
+    const std::string path = vol.Path("pages.ImpSeqProfile");
+    ASSERT_TRUE(dlg.SaveProfileTo(path));
+    ImportSettings other = fromPages;
+    ApplyProfile(ProfileRecord{}, other);
+    dlg.ApplySettings(other, dlg.ClipName());
+    ASSERT_NE(CurrentSettings(), fromPages);
+    ASSERT_TRUE(dlg.LoadProfileFrom(path));
+    EXPECT_EQ(ProfileFromSettings(CurrentSettings()), ProfileFromSettings(fromPages));
+    EXPECT_EQ(CurrentSettings().fitWord, fromPages.fitWord);
+    EXPECT_EQ(CurrentSettings().alphaDataRate, 1572864);
+    dlg.ShowPreview(false);
 }
 
 namespace {
