@@ -8,6 +8,7 @@
 
 #include "platform/AvError.h"
 #include "platform/AvOwner.h"
+#include "platform/Error.h"
 
 #include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/imageio.h>
@@ -46,19 +47,39 @@ void TrimKept(std::vector<uint8_t>& v)
     if (v.capacity() > kKeptBufferBytes) std::vector<uint8_t>().swap(v);
 }
 
+// A failure inside the library, in the module's error form; answered at the C ABI as its
+// message.
 struct Failure {
-    std::string message;
+    zub::Error error;
 };
 
+std::string Formatted(const char* fmt, va_list ap)
+{
+    char buf[1024];
+    std::vsnprintf(buf, sizeof buf, fmt, ap);
+    return buf;
+}
+
+// A failure that concerns no file (a resize, a missing argument).
 [[noreturn]] void Fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 [[noreturn]] void Fail(const char* fmt, ...)
 {
-    char buf[1024];
     va_list ap;
     va_start(ap, fmt);
-    std::vsnprintf(buf, sizeof buf, fmt, ap);
+    std::string reason = Formatted(fmt, ap);
     va_end(ap);
-    throw Failure{buf};
+    throw Failure{zub::Error{{}, std::move(reason)}};
+}
+
+// A failure of one file, with the reason.
+[[noreturn]] void FailFile(const char* path, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+[[noreturn]] void FailFile(const char* path, const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    std::string reason = Formatted(fmt, ap);
+    va_end(ap);
+    throw Failure{zub::Error{path ? path : "", std::move(reason)}};
 }
 
 void CopyMessage(const std::string& msg, char* error, std::size_t size)
@@ -70,13 +91,13 @@ void CopyMessage(const std::string& msg, char* error, std::size_t size)
 void CheckSize(const char* path, std::int64_t w, std::int64_t h)
 {
     if (w <= 0 || h <= 0 || w > kMaxSide || h > kMaxSide || w * h > kMaxPixels)
-        Fail("%s: image size %lldx%lld is out of range", path, static_cast<long long>(w), static_cast<long long>(h));
+        FailFile(path, "image size %lldx%lld is out of range", static_cast<long long>(w), static_cast<long long>(h));
 }
 
 uint8_t* Allocate(const char* path, ZubImagingAllocFn alloc, void* context, int w, int h)
 {
     uint8_t* out = alloc(context, w, h);
-    if (!out) Fail("%s: no memory for a %dx%d image", path, w, h);
+    if (!out) FailFile(path, "no memory for a %dx%d image", w, h);
     return out;
 }
 
@@ -93,11 +114,11 @@ void ConvertToBgra(const char* path, const uint8_t* const planes[4], const int s
     // Full chroma interpolation and accurate rounding: 4:2:2 sources keep their detail.
     SwsPtr sws(sws_getContext(w, h, format, w, h, AV_PIX_FMT_BGRA,
                               SWS_BICUBIC | SWS_FULL_CHR_H_INT | SWS_ACCURATE_RND, nullptr, nullptr, nullptr));
-    if (!sws) Fail("%s: cannot convert pixel format %s to BGRA", path, av_get_pix_fmt_name(format));
+    if (!sws) FailFile(path, "cannot convert pixel format %s to BGRA", av_get_pix_fmt_name(format));
     uint8_t* dstPlanes[4] = {dst, nullptr, nullptr, nullptr};
     const int dstStrides[4] = {w * 4, 0, 0, 0};
     if (sws_scale(sws.get(), planes, strides, 0, h, dstPlanes, dstStrides) != h)
-        Fail("%s: pixel conversion to BGRA failed", path);
+        FailFile(path, "pixel conversion to BGRA failed");
 }
 
 // ---- OpenImageIO ---------------------------------------------------------------------
@@ -106,7 +127,7 @@ void DecodeWithOiio(const char* path, const char* format, const uint8_t* data, s
                     ZubImagingAllocFn alloc, void* context)
 {
     auto in = OIIO::ImageInput::create(format);
-    if (!in) Fail("%s: no %s reader: %s", path, format, OIIO::geterror().c_str());
+    if (!in) FailFile(path, "no %s reader: %s", format, OIIO::geterror().c_str());
 
     // Pixels as the file holds them: colour not multiplied by alpha, since the alpha clip
     // is made from the alpha channel separately.
@@ -116,10 +137,10 @@ void DecodeWithOiio(const char* path, const char* format, const uint8_t* data, s
     if (in->supports("ioproxy")) in->set_ioproxy(&memory);
 
     OIIO::ImageSpec spec;
-    if (!in->open(path, spec, config)) Fail("%s: %s", path, in->geterror().c_str());
+    if (!in->open(path, spec, config)) FailFile(path, "%s", in->geterror().c_str());
     CheckSize(path, spec.width, spec.height);
     const int nch = spec.nchannels;
-    if (nch < 1 || nch > 64) Fail("%s: %d channels cannot be shown", path, nch);
+    if (nch < 1 || nch > 64) FailFile(path, "%d channels cannot be shown", nch);
 
     const std::size_t pixels = static_cast<std::size_t>(spec.width) * spec.height;
     thread_local std::vector<uint8_t> raw;  // kept between frames, see Resize
@@ -128,7 +149,7 @@ void DecodeWithOiio(const char* path, const char* format, const uint8_t* data, s
         ~Trim() { TrimKept(raw); }
     } trim;
     if (!in->read_image(0, 0, 0, nch, OIIO::TypeDesc::UINT8, raw.data()))
-        Fail("%s: %s", path, in->geterror().c_str());
+        FailFile(path, "%s", in->geterror().c_str());
     in->close();
 
     int alpha = spec.alpha_channel;
@@ -153,26 +174,26 @@ void DecodeWithFfmpeg(const char* path, AVCodecID id, const uint8_t* data, std::
                       ZubImagingAllocFn alloc, void* context)
 {
     const AVCodec* codec = avcodec_find_decoder(id);
-    if (!codec) Fail("%s: this FFmpeg has no %s decoder", path, avcodec_get_name(id));
+    if (!codec) FailFile(path, "this FFmpeg has no %s decoder", avcodec_get_name(id));
     CodecContextPtr ctx(avcodec_alloc_context3(codec));
-    if (!ctx) Fail("%s: out of memory", path);
+    if (!ctx) FailFile(path, "out of memory");
     ctx->thread_count = 1;
     if (int rc = avcodec_open2(ctx.get(), codec, nullptr); rc < 0)
-        Fail("%s: cannot open the %s decoder: %s", path, codec->name, AvError(rc).c_str());
+        FailFile(path, "cannot open the %s decoder: %s", codec->name, AvError(rc).c_str());
 
-    if (size > static_cast<std::size_t>(INT32_MAX) - AV_INPUT_BUFFER_PADDING_SIZE) Fail("%s: file too large", path);
+    if (size > static_cast<std::size_t>(INT32_MAX) - AV_INPUT_BUFFER_PADDING_SIZE) FailFile(path, "file too large");
     PacketPtr packet(av_packet_alloc());
-    if (!packet || av_new_packet(packet.get(), static_cast<int>(size)) < 0) Fail("%s: out of memory", path);
+    if (!packet || av_new_packet(packet.get(), static_cast<int>(size)) < 0) FailFile(path, "out of memory");
     std::memcpy(packet->data, data, size);
 
     FramePtr frame(av_frame_alloc());
-    if (!frame) Fail("%s: out of memory", path);
+    if (!frame) FailFile(path, "out of memory");
     int rc = avcodec_send_packet(ctx.get(), packet.get());
     if (rc >= 0) {
         avcodec_send_packet(ctx.get(), nullptr);  // drain: one packet is the whole image
         rc = avcodec_receive_frame(ctx.get(), frame.get());
     }
-    if (rc < 0) Fail("%s: not a readable %s image: %s", path, codec->long_name, AvError(rc).c_str());
+    if (rc < 0) FailFile(path, "not a readable %s image: %s", codec->long_name, AvError(rc).c_str());
     CheckSize(path, frame->width, frame->height);
 
     uint8_t* out = Allocate(path, alloc, context, frame->width, frame->height);
@@ -197,7 +218,7 @@ void DecodeRawYuv(const char* path, const uint8_t* data, std::size_t size, ZubIm
         ConvertToBgra(path, planes, strides, AV_PIX_FMT_UYVY422, s.w, s.h, out);
         return;
     }
-    Fail("%s: a raw 4:2:2 frame of %zu bytes matches no known frame size", path, size);
+    FailFile(path, "a raw 4:2:2 frame of %zu bytes matches no known frame size", size);
 }
 
 // ---- Softimage PIC ---------------------------------------------------------------------
@@ -210,7 +231,7 @@ void DecodeSoftimagePic(const char* path, const uint8_t* data, std::size_t size,
         CheckSize(path, w, h);
         return Allocate(path, alloc, context, w, h);
     };
-    if (!zub::imaging::DecodeSoftimagePic(data, size, allocate, &why)) Fail("%s: %s", path, why.c_str());
+    if (!zub::imaging::DecodeSoftimagePic(data, size, allocate, &why)) FailFile(path, "%s", why.c_str());
 }
 
 // ---- dispatch --------------------------------------------------------------------------
@@ -257,7 +278,7 @@ bool DecodeFast(const char* path, const std::string& ext, const uint8_t* data, s
     bool taken = false, ok = true;
     if (ext == "tga") ok = zub::imaging::DecodeTga(data, size, allocate, &taken, &why);
     else if (IsJpegExtension(ext)) ok = zub::imaging::DecodeJpeg(data, size, allocate, &taken, &why);
-    if (!ok) Fail("%s: %s", path, why.c_str());
+    if (!ok) FailFile(path, "%s", why.c_str());
     return taken;
 }
 
@@ -273,9 +294,9 @@ void Decode(const char* path, const uint8_t* data, std::size_t size, ZubImagingA
     if (ext == "yuv") return DecodeRawYuv(path, data, size, alloc, context);
     if (ext == "pic") return DecodeSoftimagePic(path, data, size, alloc, context);
     if (ext == "6rn" || ext == "vpb")
-        Fail("%s: no reader for .%s images: the layout of this format is not publicly described", path,
+        FailFile(path, "no reader for .%s images: the layout of this format is not publicly described",
              ext.c_str());
-    Fail("%s: no reader for the extension '.%s'", path, ext.c_str());
+    FailFile(path, "no reader for the extension '.%s'", ext.c_str());
 }
 
 // One BGRA row into four planes; gives the AND of its alpha bytes.
@@ -454,10 +475,10 @@ void DecodeScaled(const char* path, const uint8_t* data, std::size_t size, ZubIm
     auto ask = [&](int w, int h) {
         CheckSize(path, w, h);
         out = target(context, w, h, &outW, &outH, &filter);
-        if (!out) Fail("%s: no memory for the picture's target", path);
+        if (!out) FailFile(path, "no memory for the picture's target");
         CheckSize(path, outW, outH);
         if ((outW != w || outH != h) && (filter < ZUB_IMAGING_FILTER_NEAREST || filter > ZUB_IMAGING_FILTER_BICUBIC))
-            Fail("%s: resize: unknown filter %d", path, filter);
+            FailFile(path, "resize: unknown filter %d", filter);
     };
     int decodedW = 0, decodedH = 0;
     // Where a reader puts a picture of w x h: the target itself when nothing is resized. A
@@ -474,7 +495,7 @@ void DecodeScaled(const char* path, const uint8_t* data, std::size_t size, ZubIm
         try {
             scale();
         } catch (const Failure& f) {
-            Fail("%s: %s", path, f.message.c_str());
+            FailFile(path, "%s", f.message.c_str());
         }
     };
 
@@ -486,8 +507,8 @@ void DecodeScaled(const char* path, const uint8_t* data, std::size_t size, ZubIm
         ask(fullW, fullH);
         const int denominator =
             filter != ZUB_IMAGING_FILTER_NEAREST ? zub::imaging::JpegReduction(fullW, fullH, outW, outH) : 1;
-        if (!zub::imaging::DecodeJpeg(data, size, place, &taken, &why, denominator)) Fail("%s: %s", path, why.c_str());
-        if (!taken) Fail("%s: the JPEG reader turned the picture down", path);
+        if (!zub::imaging::DecodeJpeg(data, size, place, &taken, &why, denominator)) FailFile(path, "%s", why.c_str());
+        if (!taken) FailFile(path, "the JPEG reader turned the picture down");
     } else if (!GeneralOnly() && ext == "tga") {
         // A TGA that is resized is read straight into the planes the scaler works on; one that
         // keeps its size straight into the target.
@@ -505,19 +526,19 @@ void DecodeScaled(const char* path, const uint8_t* data, std::size_t size, ZubIm
         };
         const bool ok = zub::imaging::DecodeTgaPlanes(data, size, planes, &opaque, &taken, &why);
         if (planar) {
-            if (!ok) Fail("%s: %s", path, why.c_str());
+            if (!ok) FailFile(path, "%s", why.c_str());
             scaled([&] { ScalePlanes(decodedW, decodedH, opaque, out, outW, outH, outW * 4, filter); });
             return;
         }
         if (taken) {
-            if (!zub::imaging::DecodeTga(data, size, place, &taken, &why)) Fail("%s: %s", path, why.c_str());
+            if (!zub::imaging::DecodeTga(data, size, place, &taken, &why)) FailFile(path, "%s", why.c_str());
         } else {
             DecodeInto(path, data, size, place);
         }
     } else {
         DecodeInto(path, data, size, place);
     }
-    if (!out) Fail("%s: the reader gave no picture", path);
+    if (!out) FailFile(path, "the reader gave no picture");
     if (decodedW == outW && decodedH == outH) return;
     scaled([&] { Resize(decoded.data(), decodedW, decodedH, decodedW * 4, out, outW, outH, outW * 4, filter); });
 }
@@ -531,7 +552,7 @@ int AnswerForFile(const char* path, const char* lastResort, char* error, size_t 
         work();
         return 1;
     } catch (const Failure& f) {
-        CopyMessage(f.message, error, errorSize);
+        CopyMessage(f.error.Message(), error, errorSize);
     } catch (const std::bad_alloc&) {
         CopyMessage(std::string(path ? path : "") + ": out of memory", error, errorSize);
     } catch (const std::exception& e) {
@@ -568,7 +589,7 @@ int ResizeEntry(const uint8_t* src, int32_t sw, int32_t sh, int32_t sstride, uin
         Resize(src, sw, sh, sstride, dst, dw, dh, dstride, filter);
         return 1;
     } catch (const Failure& f) {
-        CopyMessage(f.message, error, errorSize);
+        CopyMessage(f.error.Message(), error, errorSize);
     } catch (const std::exception& e) {
         CopyMessage(std::string("resize: ") + e.what(), error, errorSize);
     } catch (...) {
@@ -588,11 +609,11 @@ void Describe(const char* path, const uint8_t* data, std::size_t size, int32_t* 
     for (const auto& e : kOiioReaders)
         if (ext == e.ext) {
             auto in = OIIO::ImageInput::create(e.oiio);
-            if (!in) Fail("%s: no %s reader: %s", path, e.oiio, OIIO::geterror().c_str());
+            if (!in) FailFile(path, "no %s reader: %s", e.oiio, OIIO::geterror().c_str());
             OIIO::Filesystem::IOMemReader memory(data, size);
             if (in->supports("ioproxy")) in->set_ioproxy(&memory);
             OIIO::ImageSpec spec;
-            if (!in->open(path, spec)) Fail("%s: %s", path, in->geterror().c_str());
+            if (!in->open(path, spec)) FailFile(path, "%s", in->geterror().c_str());
             CheckSize(path, spec.width, spec.height);
             *w = spec.width;
             *h = spec.height;

@@ -19,8 +19,9 @@ using PicAllocFn = std::function<std::uint8_t*(int width, int height)>;
 
 // Decodes the whole file in data/size into 8-bit B, G, R, A (alpha 255 when the file has no
 // alpha packet; colour channels no packet names stay 0). Never reads outside data. Returns
-// false with the reason in `why` (without the file name) on a damaged, cut-off or
-// unsupported file; nothing is allocated then unless the damage lies in the pixel data.
-bool DecodeSoftimagePic(const std::uint8_t* data, std::size_t size, const PicAllocFn& alloc, std::string* why);
+// false with the reason in *error (without the file name, which the caller adds) on a
+// damaged, cut-off or unsupported file; nothing is allocated then unless the damage lies in
+// the pixel data.
+bool DecodeSoftimagePic(const std::uint8_t* data, std::size_t size, const PicAllocFn& alloc, std::string* error);
 
 }  // namespace zub::imaging
