@@ -1,6 +1,7 @@
 #include "convert/FrameScaler.h"
 
 extern "C" {
+#include <libavutil/mem.h>
 #include <libswscale/swscale.h>
 }
 
@@ -61,11 +62,14 @@ bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shi
     return true;
 }
 
+void PlanarFrameScaler::AvFree::operator()(std::uint8_t* p) const { av_free(p); }
+
 PlanarFrameScaler::PlanarFrameScaler() = default;
 
 PlanarFrameScaler::~PlanarFrameScaler()
 {
-    sws_freeContext(ctx_);
+    sws_freeContext(scale_);
+    sws_freeContext(convert_);
 }
 
 bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, int method, FrameSize frame,
@@ -75,25 +79,52 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
         if (error) *error = "the frame is not planar 4:2:0";
         return false;
     }
+    if (p.width <= 0 || p.height <= 0 || p.left < 0 || p.top < 0 || p.left + p.width > frame.width ||
+        p.top + p.height > frame.height) {
+        if (error)
+            *error = "a " + std::to_string(p.width) + "x" + std::to_string(p.height) + " picture does not fit a " +
+                     std::to_string(frame.width) + "x" + std::to_string(frame.height) + " frame";
+        return false;
+    }
     const int flags = method == kResizeNearest ? SWS_POINT : method == kResizeBiLinear ? SWS_BILINEAR : SWS_BICUBIC;
-    ctx_ = sws_getCachedContext(ctx_, s.width, s.height, AV_PIX_FMT_YUV420P, p.width, p.height, AV_PIX_FMT_BGRA,
-                                flags, nullptr, nullptr, nullptr);
-    if (!ctx_) {
+    scale_ = sws_getCachedContext(scale_, s.width, s.height, AV_PIX_FMT_YUV420P, p.width, p.height, AV_PIX_FMT_YUV422P,
+                                  flags, nullptr, nullptr, nullptr);
+    convert_ = sws_getCachedContext(convert_, p.width, p.height, AV_PIX_FMT_YUV422P, p.width, p.height,
+                                    AV_PIX_FMT_BGRA, flags, nullptr, nullptr, nullptr);
+    if (!scale_ || !convert_) {
         if (error) *error = "no scaler for " + std::to_string(s.width) + "x" + std::to_string(s.height);
         return false;
     }
     // Decoders mark high-definition pictures with the high-definition matrix, studio range.
+    // The matrix belongs to the source, so it is the source's height that picks it.
     const int space = s.height >= 720 ? SWS_CS_ITU709 : SWS_CS_ITU601;
-    sws_setColorspaceDetails(ctx_, sws_getCoefficients(space), 0, sws_getCoefficients(space), 1, 0, 1 << 16, 1 << 16);
+    if (space != convertSpace_) {
+        sws_setColorspaceDetails(convert_, sws_getCoefficients(space), 0, sws_getCoefficients(space), 1, 0, 1 << 16,
+                                 1 << 16);
+        convertSpace_ = space;
+    }
 
-    const std::size_t row = static_cast<std::size_t>(p.width) * 4;
-    scaled_.resize(row * static_cast<std::size_t>(p.height));
-    std::uint8_t* dst[4] = {scaled_.data(), nullptr, nullptr, nullptr};
-    int dstStride[4] = {static_cast<int>(row), 0, 0, 0};
+    // The 4:2:2 planes, rows aligned for the vector code.
+    constexpr int kAlign = 64;
+    const int lumaStride = (p.width + kAlign - 1) / kAlign * kAlign;
+    const int chromaStride = ((p.width + 1) / 2 + kAlign - 1) / kAlign * kAlign;
+    const std::size_t lumaBytes = static_cast<std::size_t>(lumaStride) * p.height;
+    const std::size_t chromaBytes = static_cast<std::size_t>(chromaStride) * p.height;
+    const std::size_t need = lumaBytes + 2 * chromaBytes;
+    if (!planes_ || planesBytes_ < need) {
+        planes_.reset(static_cast<std::uint8_t*>(av_malloc(need)));
+        planesBytes_ = planes_ ? need : 0;
+        if (!planes_) {
+            if (error) *error = "no memory for the scaled picture";
+            return false;
+        }
+    }
+    std::uint8_t* mid[4] = {planes_.get(), planes_.get() + lumaBytes, planes_.get() + lumaBytes + chromaBytes, nullptr};
+    int midStride[4] = {lumaStride, chromaStride, chromaStride, 0};
     const std::uint8_t* const src[4] = {s.plane[0], s.plane[1], s.plane[2], nullptr};
     const int srcStride[4] = {static_cast<int>(s.planeStride[0]), static_cast<int>(s.planeStride[1]),
                               static_cast<int>(s.planeStride[2]), 0};
-    if (sws_scale(ctx_, src, srcStride, 0, s.height, dst, dstStride) != p.height) {
+    if (sws_scale(scale_, src, srcStride, 0, s.height, mid, midStride) != p.height) {
         if (error) *error = "the scaler did not deliver the picture";
         return false;
     }
@@ -104,15 +135,29 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
             return false;
         }
     }
-    // The holder's rows run bottom-up; the picture goes at its place, the canvas stays empty.
+    // The holder's rows run bottom-up: the picture's top row is the holder's row H-1-top, and
+    // each row below it lies one row earlier in memory.
     const std::size_t frameRow = static_cast<std::size_t>(frame.width) * 4;
     std::uint8_t* pixels = holder.Pixels();
-    std::memset(pixels, 0, frameRow * static_cast<std::size_t>(frame.height));
-    for (int y = 0; y < p.height; ++y) {
-        const int fy = p.top + y;
-        if (fy < 0 || fy >= frame.height) continue;
-        std::memcpy(pixels + frameRow * static_cast<std::size_t>(frame.height - 1 - fy) + static_cast<std::size_t>(p.left) * 4,
-                    scaled_.data() + row * static_cast<std::size_t>(y), row);
+    std::uint8_t* dst[4] = {pixels + frameRow * static_cast<std::size_t>(frame.height - 1 - p.top) +
+                                static_cast<std::size_t>(p.left) * 4,
+                            nullptr, nullptr, nullptr};
+    int dstStride[4] = {-static_cast<int>(frameRow), 0, 0, 0};
+    const std::uint8_t* const midIn[4] = {mid[0], mid[1], mid[2], nullptr};
+    if (sws_scale(convert_, midIn, midStride, 0, p.height, dst, dstStride) != p.height) {
+        if (error) *error = "the colour conversion did not deliver the picture";
+        return false;
+    }
+    // The canvas around the picture is empty: the rows above and below it, and either side.
+    for (int fy = 0; fy < frame.height; ++fy) {
+        std::uint8_t* row = pixels + frameRow * static_cast<std::size_t>(frame.height - 1 - fy);
+        if (fy < p.top || fy >= p.top + p.height) {
+            std::memset(row, 0, frameRow);
+            continue;
+        }
+        std::memset(row, 0, static_cast<std::size_t>(p.left) * 4);
+        const std::size_t right = static_cast<std::size_t>(p.left + p.width) * 4;
+        std::memset(row + right, 0, frameRow - right);
     }
     return true;
 }

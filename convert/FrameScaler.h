@@ -28,6 +28,12 @@ struct ScaledPlacement {
 bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shift, FrameSize frame,
                          ScaledPlacement* placement);
 
+// Scales in two libswscale passes that together cost far less than one scaling pass
+// straight to 32 bits: the planes are scaled as planes to 4:2:2 at the placement's size (the
+// scaler's planar output is its fast path), then the small 4:2:2 picture is converted to
+// BGRA (an unscaled conversion with its own vector code) directly into the frame holder's
+// rows. 4:2:2 keeps every chroma line the one-pass conversion would have used, so the
+// picture is the same but for rounding.
 class PlanarFrameScaler {
 public:
     PlanarFrameScaler();
@@ -41,8 +47,14 @@ public:
                FrameHolder& holder, std::string* error);
 
 private:
-    SwsContext* ctx_ = nullptr;
-    std::vector<std::uint8_t> scaled_;
+    struct AvFree {
+        void operator()(std::uint8_t* p) const;
+    };
+    SwsContext* scale_ = nullptr;    // source planes -> 4:2:2 planes at the placement's size
+    SwsContext* convert_ = nullptr;  // 4:2:2 -> BGRA, same size
+    std::unique_ptr<std::uint8_t, AvFree> planes_;
+    std::size_t planesBytes_ = 0;
+    int convertSpace_ = -1;
 };
 
 }  // namespace zub

@@ -34,6 +34,7 @@ int main(int argc, char** argv)
     dlg.SetStrSettings("bench|1,0,0");
     const int code = dlg.Modal();
     std::printf("%u frames in %.3f s\n", dlg.GetReport().framesDone, dlg.GetReport().seconds);
+    for (const std::string& m : dlg.GetReport().messages) std::fprintf(stderr, "%s\n", m.c_str());
     TheRecorder().CloseDevice();
     return code == 1 ? 0 : 1;
 }
