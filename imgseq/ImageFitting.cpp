@@ -142,6 +142,14 @@ bool IsReadableImageName(std::string_view path)
 
 namespace {
 
+// The calling thread's buffer for whole files, kept between frames: a fresh multi-megabyte
+// block per frame costs more in page faults than the decode itself.
+std::vector<std::uint8_t>& FileBuffer()
+{
+    thread_local std::vector<std::uint8_t> bytes;
+    return bytes;
+}
+
 // The whole file in a buffer kept by the calling thread.
 bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& bytes, std::size_t& length, std::string* error)
 {
@@ -168,7 +176,7 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& bytes, st
 bool DescribeImageFile(const std::string& path, ImageFileInfo& info, std::string* error)
 {
     info = {};
-    thread_local std::vector<std::uint8_t> bytes;
+    std::vector<std::uint8_t>& bytes = FileBuffer();
     std::size_t length = 0;
     const bool read = ReadWholeFile(path, bytes, length, error);
     struct Trim {
@@ -193,9 +201,7 @@ bool DescribeImageFile(const std::string& path, ImageFileInfo& info, std::string
 bool ReadImageFile(const std::string& path, Image& image, std::string* error)
 {
     image.Release();
-    // Kept between frames: a fresh multi-megabyte block per frame costs more in page faults
-    // than the decode itself.
-    thread_local std::vector<std::uint8_t> bytes;
+    std::vector<std::uint8_t>& bytes = FileBuffer();
     std::size_t length = 0;
     if (!ReadWholeFile(path, bytes, length, error)) return false;
 
@@ -490,7 +496,7 @@ bool ReadFittedImageFile(const std::string& path, std::int32_t fitWord, FrameSiz
                          FitSteps& steps, bool& planned, std::string* error)
 {
     image.Release();
-    thread_local std::vector<std::uint8_t> bytes;  // see ReadImageFile
+    std::vector<std::uint8_t>& bytes = FileBuffer();
     std::size_t length = 0;
     if (!ReadWholeFile(path, bytes, length, error)) return false;
     std::string why;
