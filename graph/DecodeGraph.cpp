@@ -1,6 +1,7 @@
 #include "graph/DecodeGraph.h"
 #include "platform/Error.h"
 
+#include <chrono>
 #include <cstring>
 #include <fstream>
 
@@ -8,6 +9,7 @@ namespace zub::gst {
 namespace {
 
 constexpr GstClockTime kPrerollTimeout = 30 * GST_SECOND;
+constexpr GstClockTime kStallPoll = 100 * GST_MSECOND;
 
 std::string TextOf(GstMessage* msg)
 {
@@ -36,6 +38,44 @@ bool NeedsPushedInput(const std::string& path)
     std::ifstream in(path, std::ios::binary);
     if (!in.read(head, sizeof head)) return false;
     return std::memcmp(head, "FORM", 4) == 0 && (std::memcmp(head + 8, "AIFF", 4) == 0 || std::memcmp(head + 8, "AIFC", 4) == 0);
+}
+
+// A demuxer reading the file itself runs a task on its sink pad; it pauses that task only at
+// the end or on an error. Paused before exposing any stream means it has given up. Its error
+// does not always say so: the decoder bin drops errors an element posts while the bin is still
+// bringing it up to PAUSED, and a cut MP4 index fails exactly then about one open in six, which
+// left the graph waiting out the whole preroll time.
+bool DemuxerGaveUp(GstBin* pipeline)
+{
+    bool gaveUp = false;
+    IteratorPtr it(gst_bin_iterate_recurse(pipeline));
+    GValue item = G_VALUE_INIT;
+    while (!gaveUp && gst_iterator_next(it.get(), &item) == GST_ITERATOR_OK) {
+        auto* element = GST_ELEMENT(g_value_get_object(&item));
+        GstElementFactory* factory = gst_element_get_factory(element);
+        const gchar* klass = factory ? gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS) : nullptr;
+        if (klass && std::strstr(klass, "Demux")) {
+            GST_OBJECT_LOCK(element);
+            const bool noStreams = element->numsrcpads == 0;
+            GstPad* sink = element->sinkpads ? GST_PAD(gst_object_ref(element->sinkpads->data)) : nullptr;
+            GST_OBJECT_UNLOCK(element);
+            if (sink && noStreams) {
+                GST_OBJECT_LOCK(sink);
+                GstTask* task = GST_PAD_MODE(sink) == GST_PAD_MODE_PULL && GST_PAD_TASK(sink)
+                                    ? GST_TASK(gst_object_ref(GST_PAD_TASK(sink)))
+                                    : nullptr;
+                GST_OBJECT_UNLOCK(sink);
+                if (task) {
+                    gaveUp = gst_task_get_state(task) == GST_TASK_PAUSED;
+                    gst_object_unref(task);
+                }
+            }
+            if (sink) gst_object_unref(sink);
+        }
+        g_value_reset(&item);
+    }
+    g_value_unset(&item);
+    return gaveUp;
 }
 
 }  // namespace
@@ -199,11 +239,19 @@ bool DecodeGraph::Preroll(std::string* error)
         return fail("cannot be opened");
     }
     if (rc == GST_STATE_CHANGE_ASYNC) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::nanoseconds(kPrerollTimeout);
+        int stalled = 0;
         for (;;) {
             MessagePtr msg(gst_bus_timed_pop_filtered(
-                bus.get(), kPrerollTimeout,
+                bus.get(), kStallPoll,
                 static_cast<GstMessageType>(GST_MESSAGE_ASYNC_DONE | GST_MESSAGE_ERROR | GST_MESSAGE_EOS)));
-            if (!msg) return fail("timed out while opening");
+            if (!msg) {
+                // Seen twice in a row, so a demuxer caught between two states is not taken for one.
+                stalled = DemuxerGaveUp(GST_BIN(pipeline_.get())) ? stalled + 1 : 0;
+                if (stalled >= 2) return fail("the demuxer stopped before it found a stream: the file is damaged or incomplete");
+                if (std::chrono::steady_clock::now() >= deadline) return fail("timed out while opening");
+                continue;
+            }
             if (GST_MESSAGE_TYPE(msg.get()) == GST_MESSAGE_ASYNC_DONE) break;
             TakeMessage(msg.get());
             if (!Error().empty()) return fail("");
