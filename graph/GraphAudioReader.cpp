@@ -16,6 +16,7 @@
 
 #include "graph/DecodeGraph.h"
 #include "graph/GstSupport.h"
+#include "platform/StereoDownmix.h"
 
 namespace zub {
 
@@ -130,6 +131,10 @@ bool CGraphAudioReader::OpenAudio(const std::string& path, std::string* error)
     std::string why;
     if (!initialised_ && !Init(&why)) return fail(why);
     path_ = path;
+    // What libavformat can tell beyond the graph; a source the graph cannot read as it is
+    // (MXF OP-Atom) is read from a copy of its streams.
+    const bool haveFacts = ReadAudioFacts(path, &facts_, nullptr);
+    if (facts_.opAtom && !MakeGraphCopy(path, &facts_.graphCopy, &why)) return fail(why);
     // A probe graph: the decoded stream ends in a fakesink, only its format is wanted.
     auto seen = std::make_shared<ProbeSeen>();
     auto builder = [seen](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
@@ -157,7 +162,7 @@ bool CGraphAudioReader::OpenAudio(const std::string& path, std::string* error)
         return sink;
     };
     gst::DecodeGraph probe;
-    if (!probe.Build(path, gst::StreamKind::Audio, builder, &why) || !probe.Preroll(&why)) return fail(why);
+    if (!probe.Build(facts_.graphCopy ? facts_.graphCopy->Path() : path, gst::StreamKind::Audio, builder, &why) || !probe.Preroll(&why)) return fail(why);
     // The sink prerolls on its first buffer, or on the end of the stream when none comes: a
     // stream that ended first has nothing to write, and a writer given nothing leaves a header
     // that promises what it never got.
@@ -168,7 +173,7 @@ bool CGraphAudioReader::OpenAudio(const std::string& path, std::string* error)
     duration_ = ns > 0 ? ns / 100 : 0;
     // The graph knows no length for elementary streams (AC-3, DTS …) and counts encoder
     // priming and padding in; libavformat's reading of the stream says what plays.
-    if (ReadAudioFacts(path, &facts_, nullptr) && facts_.samples >= 0 && facts_.rate > 0)
+    if (haveFacts && facts_.samples >= 0 && facts_.rate > 0)
         duration_ = facts_.samples * 10'000'000 / facts_.rate;
     if (rate_ <= 0 && facts_.known) rate_ = facts_.rate;
     if (channels_ <= 0 && facts_.known) channels_ = facts_.channels;
@@ -239,16 +244,34 @@ GstPadProbeReturn TrimProbe(GstPad* pad, GstPadProbeInfo* info, gpointer data)
     return GST_PAD_PROBE_OK;
 }
 
-// The matrix that folds the decoded channels into stereo: fronts as they are, centre and
-// surrounds at -3 dB into their side (both sides for the centre), LFE left out.
+// The speaker a GStreamer channel position stands for in the stereo fold.
+Speaker SpeakerOf(GstAudioChannelPosition p)
+{
+    switch (p) {
+    case GST_AUDIO_CHANNEL_POSITION_FRONT_LEFT: return Speaker::FrontLeft;
+    case GST_AUDIO_CHANNEL_POSITION_FRONT_RIGHT: return Speaker::FrontRight;
+    case GST_AUDIO_CHANNEL_POSITION_FRONT_CENTER:
+    case GST_AUDIO_CHANNEL_POSITION_REAR_CENTER:
+    case GST_AUDIO_CHANNEL_POSITION_MONO: return Speaker::Centre;
+    case GST_AUDIO_CHANNEL_POSITION_REAR_LEFT:
+    case GST_AUDIO_CHANNEL_POSITION_SIDE_LEFT:
+    case GST_AUDIO_CHANNEL_POSITION_FRONT_LEFT_OF_CENTER:
+    case GST_AUDIO_CHANNEL_POSITION_WIDE_LEFT:
+    case GST_AUDIO_CHANNEL_POSITION_SURROUND_LEFT: return Speaker::SurroundLeft;
+    case GST_AUDIO_CHANNEL_POSITION_REAR_RIGHT:
+    case GST_AUDIO_CHANNEL_POSITION_SIDE_RIGHT:
+    case GST_AUDIO_CHANNEL_POSITION_FRONT_RIGHT_OF_CENTER:
+    case GST_AUDIO_CHANNEL_POSITION_WIDE_RIGHT:
+    case GST_AUDIO_CHANNEL_POSITION_SURROUND_RIGHT: return Speaker::SurroundRight;
+    case GST_AUDIO_CHANNEL_POSITION_LFE1:
+    case GST_AUDIO_CHANNEL_POSITION_LFE2: return Speaker::Lfe;
+    default: return Speaker::Other;  // height and unknown channels
+    }
+}
+
+// The matrix that folds the decoded channels into stereo, by the rule both routes share.
 void SetDownmix(GstElement* convert, const GstAudioInfo& info)
 {
-    static const GstAudioChannelPosition kDefault[8] = {
-        GST_AUDIO_CHANNEL_POSITION_FRONT_LEFT,  GST_AUDIO_CHANNEL_POSITION_FRONT_RIGHT,
-        GST_AUDIO_CHANNEL_POSITION_FRONT_CENTER, GST_AUDIO_CHANNEL_POSITION_LFE1,
-        GST_AUDIO_CHANNEL_POSITION_REAR_LEFT,   GST_AUDIO_CHANNEL_POSITION_REAR_RIGHT,
-        GST_AUDIO_CHANNEL_POSITION_SIDE_LEFT,   GST_AUDIO_CHANNEL_POSITION_SIDE_RIGHT};
-    const double g = 0.70710678118654752;
     const int n = GST_AUDIO_INFO_CHANNELS(&info);
     const bool positioned = !GST_AUDIO_INFO_IS_UNPOSITIONED(&info);
     GValue matrix = G_VALUE_INIT;
@@ -257,30 +280,10 @@ void SetDownmix(GstElement* convert, const GstAudioInfo& info)
         GValue row = G_VALUE_INIT;
         g_value_init(&row, GST_TYPE_ARRAY);
         for (int in = 0; in < n; ++in) {
-            const GstAudioChannelPosition p =
-                positioned ? info.position[in] : (in < 8 ? kDefault[in] : GST_AUDIO_CHANNEL_POSITION_INVALID);
-            double left = 0, right = 0;
-            switch (p) {
-            case GST_AUDIO_CHANNEL_POSITION_FRONT_LEFT: left = 1; break;
-            case GST_AUDIO_CHANNEL_POSITION_FRONT_RIGHT: right = 1; break;
-            case GST_AUDIO_CHANNEL_POSITION_FRONT_CENTER:
-            case GST_AUDIO_CHANNEL_POSITION_REAR_CENTER:
-            case GST_AUDIO_CHANNEL_POSITION_MONO: left = right = g; break;
-            case GST_AUDIO_CHANNEL_POSITION_REAR_LEFT:
-            case GST_AUDIO_CHANNEL_POSITION_SIDE_LEFT:
-            case GST_AUDIO_CHANNEL_POSITION_FRONT_LEFT_OF_CENTER:
-            case GST_AUDIO_CHANNEL_POSITION_WIDE_LEFT:
-            case GST_AUDIO_CHANNEL_POSITION_SURROUND_LEFT: left = g; break;
-            case GST_AUDIO_CHANNEL_POSITION_REAR_RIGHT:
-            case GST_AUDIO_CHANNEL_POSITION_SIDE_RIGHT:
-            case GST_AUDIO_CHANNEL_POSITION_FRONT_RIGHT_OF_CENTER:
-            case GST_AUDIO_CHANNEL_POSITION_WIDE_RIGHT:
-            case GST_AUDIO_CHANNEL_POSITION_SURROUND_RIGHT: right = g; break;
-            default: break;  // LFE, height and unknown channels are left out
-            }
+            const StereoGains g = StereoGainsOf(positioned ? SpeakerOf(info.position[in]) : UnnamedSpeaker(in));
             GValue v = G_VALUE_INIT;
             g_value_init(&v, G_TYPE_FLOAT);
-            g_value_set_float(&v, static_cast<float>(out == 0 ? left : right));
+            g_value_set_float(&v, static_cast<float>(out == 0 ? g.left : g.right));
             gst_value_array_append_and_take_value(&row, &v);
         }
         gst_value_array_append_and_take_value(&matrix, &row);
@@ -364,7 +367,7 @@ bool CGraphAudioReader::Start(const std::string& wavePath, std::string* error)
     };
     graph_ = std::make_unique<gst::DecodeGraph>();
     std::string why;
-    if (!graph_->Build(path_, gst::StreamKind::Audio, builder, &why) || !graph_->Preroll(&why) || !graph_->Play(&why))
+    if (!graph_->Build(facts_.graphCopy ? facts_.graphCopy->Path() : path_, gst::StreamKind::Audio, builder, &why) || !graph_->Preroll(&why) || !graph_->Play(&why))
         return fail(why);
     writing_ = true;
     return true;

@@ -1,7 +1,12 @@
 #include "graph/SourceFacts.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -14,18 +19,13 @@ extern "C" {
 }
 
 #include "platform/AvError.h"
+#include "platform/AvOwner.h"
 
 namespace zub {
 namespace {
 
-struct FormatCloser {
-    void operator()(AVFormatContext* c) const { avformat_close_input(&c); }
-};
-using FormatPtr = std::unique_ptr<AVFormatContext, FormatCloser>;
-struct PacketFree {
-    void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
+using FormatPtr = av::InputPtr;
+using av::PacketPtr;
 
 constexpr std::int64_t kTicksPerSecond = 10'000'000;
 
@@ -44,6 +44,16 @@ bool Open(const std::string& path, FormatPtr* out, std::string* error)
         return false;
     }
     return true;
+}
+
+// OP-Atom files name their operational pattern with item complexity 0x10 (SMPTE's "atom").
+bool IsOpAtom(const AVFormatContext* fc)
+{
+    if (std::strcmp(fc->iformat->name, "mxf") != 0) return false;
+    const AVDictionaryEntry* e = av_dict_get(fc->metadata, "operational_pattern_ul", nullptr, 0);
+    // "060e2b34.0401010x.0d010201.10xx0000"
+    return e && e->value && std::strlen(e->value) >= 29 && std::strncmp(e->value, "060e2b34.040101", 15) == 0 &&
+           std::strncmp(e->value + 18, "0d010201.10", 11) == 0;
 }
 
 std::string Find(const AVDictionary* dict, std::initializer_list<const char*> keys)
@@ -127,6 +137,7 @@ bool ReadVideoFacts(const std::string& path, VideoFacts* facts, std::string* err
     VideoFacts f;
     f.container = fc->iformat->name;
     f.codec = avcodec_get_name(st->codecpar->codec_id);
+    f.opAtom = IsOpAtom(fc.get());
 
     if (const auto* m = reinterpret_cast<const std::int32_t*>(av_stream_get_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, nullptr))) {
         // The matrix turns counter-clockwise by the angle; showing upright turns back.
@@ -239,6 +250,7 @@ bool ReadAudioFacts(const std::string& path, AudioFacts* facts, std::string* err
     f.codec = avcodec_get_name(st->codecpar->codec_id);
     f.rate = st->codecpar->sample_rate;
     f.channels = st->codecpar->ch_layout.nb_channels;
+    f.opAtom = IsOpAtom(fc.get());
     TimecodeAndReel(fc.get(), index, &f.timecode, &f.reel);
     if (f.rate <= 0) {
         if (error) *error = path + ": the audio stream has no sample rate";
@@ -280,6 +292,109 @@ bool ReadAudioFacts(const std::string& path, AudioFacts* facts, std::string* err
         f.samples = av_rescale_q(fc->duration, AV_TIME_BASE_Q, perSample);
     f.known = true;
     *facts = std::move(f);
+    return true;
+}
+
+bool ReadTapeAndTimecode(const std::string& path, std::string* tape, std::string* timecode, std::string* error)
+{
+    *tape = "";
+    *timecode = "00:00:00:00";
+    FormatPtr fc;
+    if (!Open(path, &fc, error)) return false;
+    int index = av_find_best_stream(fc.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (index < 0) index = av_find_best_stream(fc.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (index < 0) {
+        if (error) *error = path + ": has neither picture nor sound";
+        return false;
+    }
+    std::string tc, reel;
+    TimecodeAndReel(fc.get(), index, &tc, &reel);
+    // Only the block's own form is taken: two digits, a separator, ... eleven characters.
+    const bool wellFormed = tc.size() == 11 && tc[2] == ':' && tc[5] == ':' && (tc[8] == ':' || tc[8] == ';' || tc[8] == '.') &&
+                            std::all_of(tc.begin(), tc.end(), [](char c) { return (c >= '0' && c <= '9') || c == ':' || c == ';' || c == '.'; });
+    if (wellFormed) *timecode = tc;
+    *tape = reel.substr(0, 255);
+    return true;
+}
+
+std::string VariableRateNote(const std::string& path, bool conformed, std::int64_t timePerFrame, std::int64_t repeated,
+                             std::int64_t dropped)
+{
+    std::string note = path + ": variable frame rate";
+    if (!conformed || timePerFrame <= 0) return note + ", frames kept as delivered";
+    int num = 0, den = 0;
+    RateOfDuration(static_cast<double>(timePerFrame) / kTicksPerSecond, &num, &den);
+    char rate[32];
+    std::snprintf(rate, sizeof rate, "%.3f", den > 0 ? static_cast<double>(num) / den : 0.0);
+    // 29.970 reads as 29.97, 25.000 as 25.
+    std::string r = rate;
+    while (r.back() == '0') r.pop_back();
+    if (r.back() == '.') r.pop_back();
+    auto frames = [](std::int64_t n) { return std::to_string(n) + (n == 1 ? " frame" : " frames"); };
+    return note + ", conformed to " + r + " fps: " + frames(repeated) + " repeated, " + frames(dropped) + " dropped";
+}
+
+GraphCopy::~GraphCopy()
+{
+    if (!path_.empty()) std::remove(path_.c_str());
+}
+
+bool MakeGraphCopy(const std::string& path, std::shared_ptr<const GraphCopy>* copy, std::string* error)
+{
+    copy->reset();
+    auto fail = [&](const std::string& why) {
+        if (error) *error = path + ": " + why;
+        return false;
+    };
+    FormatPtr in;
+    if (!Open(path, &in, error)) return false;
+
+    const char* tmp = std::getenv("TMPDIR");
+    std::string name = std::string(tmp && *tmp ? tmp : "/tmp") + "/zubimport-copy-XXXXXX.mov";
+    const int fd = ::mkstemps(name.data(), 4);
+    if (fd < 0) return fail("cannot make a scratch copy in " + name.substr(0, name.rfind('/')) + ": " + std::strerror(errno));
+    ::close(fd);
+    // From here on the scratch file goes with this holder, whichever way the copy ends.
+    auto made = std::make_shared<const GraphCopy>(name);
+
+    AVFormatContext* raw = nullptr;
+    int err = avformat_alloc_output_context2(&raw, nullptr, "mov", name.c_str());
+    if (err < 0 || !raw) return fail("cannot make a scratch copy: " + AvError(err));
+    av::OutputPtr out(raw);
+    std::vector<int> map(in->nb_streams, -1);
+    for (unsigned i = 0; i < in->nb_streams; ++i) {
+        const AVStream* st = in->streams[i];
+        const AVMediaType type = st->codecpar->codec_type;
+        if ((type != AVMEDIA_TYPE_VIDEO && type != AVMEDIA_TYPE_AUDIO) || (st->disposition & AV_DISPOSITION_ATTACHED_PIC))
+            continue;
+        AVStream* o = avformat_new_stream(out.get(), nullptr);
+        if (!o || avcodec_parameters_copy(o->codecpar, st->codecpar) < 0) return fail("out of memory");
+        o->codecpar->codec_tag = 0;  // the new container's own tag for the codec
+        o->time_base = st->time_base;
+        map[i] = o->index;
+    }
+    if (out->nb_streams == 0) return fail("has neither picture nor sound to read");
+    if ((err = avio_open(&out->pb, name.c_str(), AVIO_FLAG_WRITE)) < 0) return fail("cannot write " + name + ": " + AvError(err));
+    if ((err = avformat_write_header(out.get(), nullptr)) < 0)
+        return fail("cannot copy its streams into " + name + ": " + AvError(err));
+    PacketPtr pkt(av_packet_alloc());
+    if (!pkt) return fail("out of memory");
+    while ((err = av_read_frame(in.get(), pkt.get())) >= 0) {
+        const int to = map[static_cast<std::size_t>(pkt->stream_index)];
+        if (to < 0) {
+            av_packet_unref(pkt.get());
+            continue;
+        }
+        av_packet_rescale_ts(pkt.get(), in->streams[pkt->stream_index]->time_base, out->streams[to]->time_base);
+        pkt->stream_index = to;
+        pkt->pos = -1;
+        if ((err = av_interleaved_write_frame(out.get(), pkt.get())) < 0)
+            return fail("cannot copy its streams into " + name + ": " + AvError(err));
+    }
+    if (err != AVERROR_EOF) return fail("cannot read: " + AvError(err));
+    if ((err = av_write_trailer(out.get())) < 0) return fail("cannot finish the copy " + name + ": " + AvError(err));
+    out.reset();  // closes the file before anyone reads it
+    *copy = std::move(made);
     return true;
 }
 

@@ -36,6 +36,7 @@ struct ConvertReport {
     bool alpha = false;          // a key track was made
     int videoRate = 0;           // bytes per second, -1 uncompressed
     std::vector<std::string> messages;  // every message shown (or suppressed in batch mode), in order
+    std::string frameRateNote;   // a variable-rate source: conformed or not, frames repeated and dropped; "" otherwise
     double seconds = 0;          // from Convert to the end
 };
 

@@ -54,6 +54,10 @@ struct ImportSettings {
 
     std::int32_t batchFilterIndex = 0;  // file-type filter the batch "Add" dialog used last
 
+    // Beyond the original dialogs, off unless a host turns it on: the .dva gets the source's
+    // start timecode and reel name instead of an empty tape name and "00:00:00:00".
+    std::int32_t sourceTimecode = 0;
+
     bool operator==(const ImportSettings&) const = default;
 };
 

@@ -4,13 +4,18 @@
 // is 16-bit, one or two channels, as long as the source's within one frame of the clip.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include "tests/formats/FormatSupport.h"
+#include "graph/SourceFacts.h"
 #include "ScratchVolume.h"
 #include "TempDir.h"
 #include "Tool.h"
@@ -18,6 +23,7 @@
 #include "device/RecorderDevice.h"
 #include "imgseq/ImageFitting.h"
 #include "zubimport/ConvertDlg.h"
+#include "zubimport/Dva.h"
 #include "zubimport/ImportSettings.h"
 #include "zubimport/Prompt.h"
 
@@ -83,6 +89,7 @@ protected:
     {
         CConvertDlg dlg(source);
         ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt_->Texts());
+        lastReport_ = dlg.GetReport();
         std::string text;
         const int got = ClipFrames(vol / ("video/" + stem + ".zub"), &text);
         EXPECT_NEAR(got, frames, frameTolerance) << text;
@@ -102,6 +109,7 @@ protected:
     }
 
     test::TempDir vol, media;
+    ConvertReport lastReport_;  // of the last ConvertAndCheck
     std::shared_ptr<ScriptedPrompt> prompt_ = std::make_shared<ScriptedPrompt>();
     ScopedPrompter scope_{prompt_};
 
@@ -162,9 +170,203 @@ TEST_F(Conversion, VariableRateSourceKeepsItsLengthAtTheClipRate)
     const double seconds = 2.9667;
     ConvertAndCheck(source, "vfr", seconds * kClipRate, 1);
     std::string text;
-    const double clipSeconds = ClipFrames(vol / "video/vfr.zub", &text) / kClipRate;
+    const int clipFrames = ClipFrames(vol / "video/vfr.zub", &text);
+    const double clipSeconds = clipFrames / kClipRate;
     EXPECT_NEAR(clipSeconds, Sox(vol / "audio/vfr.wav").seconds, kClipFrame) << "picture against sound";
+
+    // The report names the variable rate and what conforming did: the frames repeated less
+    // those dropped are what the clip holds beyond the source's 60.
+    const ConvertReport& r = lastReport_;
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(r.frameRateNote, m,
+                                  std::regex("^(.*): variable frame rate, conformed to 29\\.97 fps: (\\d+) frames? repeated, "
+                                             "(\\d+) frames? dropped$")))
+        << r.frameRateNote;
+    EXPECT_EQ(m[1].str(), source);
+    EXPECT_EQ(std::stoi(m[2]) - std::stoi(m[3]), clipFrames - 60);
+    EXPECT_GT(std::stoi(m[2]), 0);
+    EXPECT_NE(std::find(r.messages.begin(), r.messages.end(), r.frameRateNote), r.messages.end())
+        << "the note is among the conversion's messages";
 }
+
+TEST_F(Conversion, ConstantRateSourceHasNoFrameRateNote)
+{
+    if (!HaveEncoder("libx264")) GTEST_SKIP() << "this ffmpeg has no libx264 encoder";
+    const std::string source = media / "cfr.mp4";
+    ASSERT_EQ(Ffmpeg("-f lavfi -i testsrc2=size=160x120:rate=30000/1001:duration=1 -c:v libx264 -preset ultrafast '" +
+                     source + "'"),
+              "");
+    ConvertAndCheck(source, "cfr", static_cast<double>(ProbeFrames(source)), 0);
+    EXPECT_EQ(lastReport_.frameRateNote, "");
+    for (const std::string& m : lastReport_.messages) EXPECT_EQ(m.find("variable frame rate"), std::string::npos) << m;
+}
+
+// Mean luma of each of the clip's frames first..last, as ffmpeg measures the PNG files zubclip
+// exports; empty when they cannot be had.
+std::vector<double> ClipLuma(const std::string& clip, int first, int last, const std::string& folder)
+{
+    std::filesystem::create_directories(folder);
+    int status = 0;
+    test::Capture(kZubclip + " export '" + clip + "' -o '" + folder + "' --first " + std::to_string(first) + " --last " +
+                      std::to_string(last) + " 2>&1",
+                  &status);
+    if (status != 0) return {};
+    std::string pattern;
+    for (const auto& e : std::filesystem::directory_iterator(folder)) {
+        const std::string name = e.path().filename().string();
+        if (const auto at = name.find("-frame-"); at != std::string::npos) pattern = name.substr(0, at) + "-frame-%06d.png";
+    }
+    if (pattern.empty()) return {};
+    const std::string out = test::Capture("ffmpeg -v error -start_number " + std::to_string(first) + " -i '" + folder + "/" +
+                                          pattern + "' -vf \"signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=-\" "
+                                          "-f null - 2>/dev/null");
+    std::vector<double> luma;
+    const std::regex yavg("YAVG=([0-9.]+)");
+    for (auto it = std::sregex_iterator(out.begin(), out.end(), yavg); it != std::sregex_iterator(); ++it)
+        luma.push_back(std::stod((*it)[1]));
+    return luma;
+}
+
+// The first white frame of the clip's frames first.. (a flash held by a slower source covers
+// more than one clip frame); -1 when there is none, or more than a held flash could make.
+int FlashFrame(const std::vector<double>& luma, int first)
+{
+    int start = -1, bright = 0;
+    for (std::size_t i = 0; i < luma.size(); ++i) {
+        if (luma[i] <= 128) continue;
+        if (start < 0) start = first + static_cast<int>(i);
+        ++bright;
+    }
+    return bright <= 3 ? start : -1;
+}
+
+// A minute of picture whose first half runs at 30 fps and second half at 15, a white frame
+// and a click at 1 s and at 58 s, the sound AAC. Conformed to the clip's 29.97 fps, each
+// flash and its click are at the same instant in the clip and its WAVE, within a millisecond
+// and one frame of the clip.
+TEST_F(Conversion, FlashAndClickStayTogetherOverAMinuteOfVariableRate)
+{
+    if (!HaveEncoder("libx264")) GTEST_SKIP() << "this ffmpeg has no libx264 encoder";
+    const std::string source = media / "sync.mp4";
+    const double at[2] = {1.0, 58.0};
+    // Frame 30 of the 30 fps half is 1 s; frame 900 + 28 * 15 = 1320 is 58 s.
+    ASSERT_EQ(Ffmpeg("-f lavfi -i color=c=0x404040:size=320x240:rate=30:duration=45 "
+                     "-f lavfi -i \"aevalsrc=exprs='0.8*(between(t\\,1\\,1.001)+between(t\\,58\\,58.001))':s=48000:d=60\" "
+                     "-vf \"drawbox=x=0:y=0:w=iw:h=ih:color=white:t=fill:enable='eq(n\\,30)+eq(n\\,1320)',"
+                     "setpts='if(lt(N\\,900)\\,N/30\\,30+(N-900)/15)/TB'\" -fps_mode:v passthrough -frames:v 1350 "
+                     "-c:v libx264 -preset ultrafast -g 30 -c:a aac -video_track_timescale 90000 '" + source + "'"),
+              "");
+    VideoFacts facts;
+    ASSERT_TRUE(ReadVideoFacts(source, &facts));
+    ASSERT_TRUE(facts.variableRate);
+
+    CConvertDlg dlg(source);
+    ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt_->Texts());
+    const std::string clip = vol / "video/sync.zub";
+    std::string text;
+    const int frames = ClipFrames(clip, &text);
+    const double seconds = std::atof(test::CaptureLine("ffprobe -v error -select_streams v:0 -show_entries stream=duration "
+                                                       "-of csv=p=0 '" + source + "'").c_str());
+    ASSERT_NEAR(seconds, 60, 0.1);
+    ASSERT_NEAR(frames, seconds * kClipRate, 1) << text;
+
+    Wave w;
+    std::string why;
+    ASSERT_TRUE(ReadWave(vol / "audio/sync.wav", &w, &why)) << why;
+    ASSERT_EQ(w.bits, 16);
+    ASSERT_GT(w.rate, 0);
+    for (int k = 0; k < 2; ++k) {
+        SCOPED_TRACE(at[k]);
+        // The click: the first loud sample within half a second of where it belongs.
+        const std::int64_t from = static_cast<std::int64_t>((at[k] - 0.5) * w.rate);
+        std::int64_t click = -1;
+        for (std::int64_t i = std::max<std::int64_t>(from, 0); i < std::min(w.Frames(), from + w.rate) && click < 0; ++i) {
+            if (std::abs(w.samples[static_cast<std::size_t>(i * w.channels)]) > 8000) click = i;
+        }
+        ASSERT_GE(click, 0) << "no click in the WAVE near " << at[k] << " s";
+        const double clickSeconds = static_cast<double>(click) / w.rate;
+
+        // The flash: where the white frames start, within a second of it.
+        const int first = std::max(0, static_cast<int>((at[k] - 1) * kClipRate));
+        const int last = std::min(frames - 1, static_cast<int>((at[k] + 1) * kClipRate));
+        const std::vector<double> luma = ClipLuma(clip, first, last, media / ("frames" + std::to_string(k)));
+        ASSERT_EQ(luma.size(), static_cast<std::size_t>(last - first + 1));
+        const int flash = FlashFrame(luma, first);
+        ASSERT_GE(flash, 0) << "no white frame (or too many) near " << at[k] << " s";
+        const double flashSeconds = flash / kClipRate;
+
+        EXPECT_NEAR(flashSeconds, clickSeconds, 0.001 + kClipFrame) << "flash at frame " << flash << ", click at sample " << click;
+        EXPECT_NEAR(clickSeconds, at[k], 0.001) << "the click where the source has it";
+    }
+}
+
+// The tape block of a .dva file, read from its bytes: the "BD11" chunk after the audio, its
+// tape name at 32 and timecode at 288.
+bool DvaTapeBlock(const std::string& path, std::string* tape, std::string* tc)
+{
+    std::ifstream in(path, std::ios::binary);
+    const std::string b((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const auto at = b.rfind("BD11");
+    if (at == std::string::npos || at + 8 + 300 > b.size()) return false;
+    const std::string data = b.substr(at + 8);
+    if (data.compare(0, 32, std::string("Head - Rva Tape and Timecode 01") + '\0') != 0) return false;
+    *tape = std::string(data.c_str() + 32);
+    *tc = std::string(data.c_str() + 288);
+    return true;
+}
+
+struct TapeCase {
+    const char* name;
+    const char* ext;
+    const char* args;  // ffmpeg output options
+    const char* tape;
+    const char* timecode;
+};
+
+class SourceTimecode : public Conversion, public ::testing::WithParamInterface<TapeCase> {};
+
+// With the option on, the .dva carries the source's own start timecode and reel name; off (the
+// design's behaviour) an empty tape name and "00:00:00:00". Checked in the file's bytes and
+// through the association reader.
+TEST_P(SourceTimecode, WrittenIntoTheDvaOnlyWhenAsked)
+{
+    const TapeCase& c = GetParam();
+    const std::string made = media / (std::string(c.name) + c.ext);
+    ASSERT_EQ(Ffmpeg("-f lavfi -i testsrc2=size=720x480:rate=30000/1001:duration=1 -f lavfi -i sine=duration=1:sample_rate=48000 " +
+                     std::string(c.args) + " '" + made + "'"),
+              "");
+    for (int on : {0, 1}) {
+        SCOPED_TRACE(on);
+        CurrentSettings().makeDva = 1;
+        CurrentSettings().sourceTimecode = on;
+        // The clip is named after its source: one copy for each run.
+        const std::string source = media / (std::string(c.name) + (on ? "-on" : "-off") + c.ext);
+        std::filesystem::copy_file(made, source);
+        CConvertDlg dlg(source);
+        ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt_->Texts());
+        const std::string dva = dlg.GetReport().audioPath;
+        ASSERT_TRUE(dlg.GetReport().madeDva) << dva;
+        std::string tape, tc;
+        ASSERT_TRUE(DvaTapeBlock(dva, &tape, &tc)) << dva;
+        EXPECT_EQ(tape, on ? c.tape : "");
+        EXPECT_EQ(tc, on ? c.timecode : "00:00:00:00");
+        CDva reader;
+        ASSERT_EQ(reader.ReadTapeNameTc(dva.c_str()), 1) << CDva::GetLastError();
+        EXPECT_EQ(reader.GetTapeName(), tape);
+        EXPECT_EQ(reader.GetTc(), tc);
+        EXPECT_NE(test::CaptureLine("sox --i -c '" + dva + "' 2>&1"), "") << "the .dva still plays as a WAVE";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Containers, SourceTimecode,
+    ::testing::Values(TapeCase{"mov", ".mov", "-c:v mpeg4 -c:a pcm_s16be -timecode '01:02:03;04' -metadata:s:v:0 reel_name=TAPE-7",
+                               "TAPE-7", "01:02:03;04"},
+                      TapeCase{"mxf", ".mxf", "-c:v mpeg2video -c:a pcm_s16le -timecode 09:08:07:06 -metadata reel_name=R2 -f mxf",
+                               "R2", "09:08:07:06"},
+                      TapeCase{"dv", ".dv", "-c:v dvvideo -pix_fmt yuv411p -c:a pcm_s16le -ac 2 -timecode '10:20:30;00' -f dv", "",
+                               "10:20:30;00"}),
+    [](const ::testing::TestParamInfo<TapeCase>& info) { return std::string(info.param.name); });
 
 // Six channels beside the picture reach the clip's sound as two.
 TEST_F(Conversion, SurroundSoundBesideThePictureBecomesStereo)

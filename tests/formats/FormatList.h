@@ -51,9 +51,9 @@ inline const std::vector<Format>& Formats()
          "-c:v mpeg2video -f mxf", ""},
         {"mxf_dnxhd", ".mxf", true, "MXF OP1a", "DNxHD", kGraph, "dnxhd", 1280, 720, 25, 1, 1, 0,
          "-c:v dnxhd -b:v 90M -pix_fmt yuv422p -f mxf", ""},
-        {"mxf_opatom_dnxhd", ".mxf", true, "MXF OP-Atom", "DNxHD", kNone, "dnxhd", 1280, 720, 25, 1, 1, 0,
+        {"mxf_opatom_dnxhd", ".mxf", true, "MXF OP-Atom", "DNxHD", kGraph, "dnxhd", 1280, 720, 25, 1, 1, 0,
          "-c:v dnxhd -b:v 90M -pix_fmt yuv422p -f mxf_opatom",
-         "not read yet: GStreamer 1.22's MXF demuxer fails on OP-Atom as FFmpeg writes it"},
+         "read from a scratch copy of its streams in a QuickTime file (GStreamer 1.22's MXF demuxer stops on OP-Atom)"},
         {"ps_mpeg2", ".mpg", true, "MPEG-2 program stream", "MPEG-2", kGraph, "mpeg2video", 320, 240, 30, 1, 2, 0,
          "-c:v mpeg2video -f vob", ""},
         {"ts_mpeg2", ".ts", true, "MPEG-2 transport stream", "MPEG-2", kGraph, "mpeg2video", 320, 240, 30, 1, 2, 0,
@@ -96,6 +96,9 @@ inline const std::vector<Format>& Formats()
         {"aiff", ".aiff", false, "AIFF", "PCM 16-bit", kGraph, "pcm_s16be", 0, 0, 0, 0, 2, 2, "-c:a pcm_s16be",
          ""},
         {"wma", ".wma", false, "ASF", "WMA 2", kGraph, "wmav2", 0, 0, 0, 0, 2, 2, "-c:a wmav2", ""},
+        {"mxf_opatom_pcm", ".mxf", false, "MXF OP-Atom", "PCM 16-bit, one channel a file", kGraph, "pcm_s16le", 0, 0, 0, 0, 2,
+         1, "-c:a pcm_s16le -f mxf_opatom",
+         "read from a scratch copy of its streams in a QuickTime file (GStreamer 1.22's MXF demuxer stops on OP-Atom)"},
     };
     return list;
 }

@@ -2,6 +2,9 @@
 // sound starting with the picture, variable frame rate, rotation, aspect and timecode.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
+
 #include "tests/formats/FormatSupport.h"
 #include "TempDir.h"
 #include "TestMedia.h"
@@ -232,6 +235,92 @@ TEST(Alpha, GifHasAlphaOnlyWithATransparentColour)
             EXPECT_GT(pic[static_cast<std::size_t>(10 * sink.strides[0] + 50 * 4 + 3)], 240);
         }
     }
+}
+
+}  // namespace
+}  // namespace zub::formats
+
+namespace zub::formats {
+namespace {
+
+// Points $TMPDIR somewhere else for one test.
+class ScopedTmpDir {
+public:
+    explicit ScopedTmpDir(const std::string& dir)
+    {
+        if (const char* old = std::getenv("TMPDIR")) old_ = old, had_ = true;
+        ::setenv("TMPDIR", dir.c_str(), 1);
+    }
+    ~ScopedTmpDir()
+    {
+        if (had_)
+            ::setenv("TMPDIR", old_.c_str(), 1);
+        else
+            ::unsetenv("TMPDIR");
+    }
+
+private:
+    std::string old_;
+    bool had_ = false;
+};
+
+int FilesIn(const std::string& dir)
+{
+    int n = 0;
+    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir)) ++n;
+    return n;
+}
+
+// An OP-Atom file is read from a copy of its streams, which lives only while it is open:
+// every frame arrives, the copy is gone when the reader closes, and a copy that cannot be
+// made is a failure naming the source, with nothing left behind.
+TEST(OpAtom, ReadFromAScratchCopyRemovedOnEveryPath)
+{
+    if (!HaveEncoder("dnxhd")) GTEST_SKIP() << "this ffmpeg has no dnxhd encoder";
+    test::TempDir dir, scratch;
+    const std::string path = dir / "atom.mxf";
+    ASSERT_EQ(Ffmpeg("-f lavfi -i testsrc2=size=1280x720:rate=25:duration=1.2 -c:v dnxhd -b:v 90M -pix_fmt yuv422p "
+                     "-f mxf_opatom '" + path + "'"),
+              "");
+    VideoFacts facts;
+    ASSERT_TRUE(ReadVideoFacts(path, &facts));
+    EXPECT_TRUE(facts.opAtom);
+    ScopedTmpDir tmp(scratch.Path().string());
+    std::string error;
+    {
+        CGraphVideoReader reader;
+        ASSERT_TRUE(reader.OpenVideo(path, &error)) << error;
+        EXPECT_EQ(FilesIn(scratch.Path().string()), 1) << "the copy the graph reads";
+        FrameCounter sink;
+        ASSERT_TRUE(RunToEnd(reader, &sink, &error)) << error;
+        EXPECT_EQ(sink.frames, ProbeFrames(path));
+        EXPECT_EQ(sink.frames, 30);
+        reader.Close();
+        EXPECT_EQ(FilesIn(scratch.Path().string()), 0);
+    }
+    {
+        CGraphVideoReader reader;
+        ASSERT_TRUE(reader.OpenVideo(path, &error)) << error;
+    }
+    EXPECT_EQ(FilesIn(scratch.Path().string()), 0) << "destroyed while open";
+
+    // An OP1a file, which the graph reads as it is, makes no copy.
+    const std::string op1a = dir / "op1a.mxf";
+    ASSERT_EQ(Ffmpeg("-f lavfi -i testsrc2=size=320x240:rate=25:duration=1 -c:v mpeg2video -f mxf '" + op1a + "'"), "");
+    ASSERT_TRUE(ReadVideoFacts(op1a, &facts));
+    EXPECT_FALSE(facts.opAtom);
+    {
+        CGraphVideoReader reader;
+        ASSERT_TRUE(reader.OpenVideo(op1a, &error)) << error;
+        EXPECT_EQ(FilesIn(scratch.Path().string()), 0);
+    }
+
+    ScopedTmpDir nowhere(scratch / "no-such-folder");
+    CGraphVideoReader reader;
+    EXPECT_FALSE(reader.OpenVideo(path, &error));
+    EXPECT_EQ(error.rfind(path, 0), 0u) << error;
+    EXPECT_NE(error.find("scratch copy"), std::string::npos) << error;
+    EXPECT_EQ(FilesIn(scratch.Path().string()), 0);
 }
 
 }  // namespace

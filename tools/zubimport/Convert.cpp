@@ -149,12 +149,14 @@ int RunConvert(const ConvertArgs& a)
     // what it would have shown.
     report.messages = prompt->Texts();
     if (report.messages.empty()) report.messages = r.messages;
+    report.frameRateNote = r.frameRateNote;
     if (a.common.json) {
         std::printf("%s\n", ReportJson(report).c_str());
     } else if (!a.common.quiet) {
         if (!report.videoPath.empty())
             std::printf("video: %s (%ld frames, %s%s)\n", report.videoPath.c_str(), report.frames,
                         RateText(report.videoRate).c_str(), report.alpha ? ", with key" : "");
+        if (!report.frameRateNote.empty()) std::printf("note: %s\n", report.frameRateNote.c_str());
         if (!report.audioPath.empty()) {
             const AudioFacts f = ReadAudioFacts(report.audioPath);
             std::printf("audio: %s (%ld Hz, %d ch, %d bits%s)\n", report.audioPath.c_str(), f.rate, f.channels,

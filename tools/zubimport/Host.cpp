@@ -701,6 +701,7 @@ std::string ReportJson(const JobReport& r)
         o << "{\"path\":" << JsonString(r.audioPath) << ",\"rate\":" << a.rate << ",\"channels\":" << a.channels
           << ",\"bits\":" << a.bits << ",\"dva\":" << (r.dva ? "true" : "false") << "}";
     }
+    o << ",\"frame_rate_note\":" << (r.frameRateNote.empty() ? std::string("null") : JsonString(r.frameRateNote));
     std::snprintf(num, sizeof num, "%.3f", r.seconds);
     o << ",\"seconds\":" << num;
     std::snprintf(num, sizeof num, "%.2f", r.seconds > 0 ? r.frames / r.seconds : 0.0);

@@ -171,6 +171,7 @@ struct JobReport {
     bool dva = false;
     double seconds = 0;
     std::vector<std::string> messages;
+    std::string frameRateNote;  // a variable-rate source: how it was conformed; "" otherwise
 };
 
 std::string JsonString(const std::string& s);

@@ -1,0 +1,74 @@
+// The command-line host's report of a conversion: a variable-rate source is named, with what
+// conforming did, in the printed report and in the JSON one; a constant-rate source is not.
+#include <gtest/gtest.h>
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <regex>
+#include <string>
+
+#include "tests/formats/FormatSupport.h"
+#include "tests/tools/ZubimportProcess.h"
+
+namespace zub::formats {
+namespace {
+
+using zubtest::HostSandbox;
+using zubtest::ProcessResult;
+
+// 30 frames at 30 fps, then 30 at 15 fps, with a tone beside them.
+std::string VariableRateMovie(const HostSandbox& box)
+{
+    const std::string source = (box.Media() / "vfr.mp4").string();
+    EXPECT_EQ(Ffmpeg("-f lavfi -i testsrc2=size=160x120:rate=30:duration=2 -f lavfi -i sine=frequency=1000:sample_rate=48000 "
+                     "-vf \"setpts='if(lt(N,30),N/30,1+(N-30)/15)/TB'\" -fps_mode:v passthrough -c:v libx264 -preset ultrafast "
+                     "-c:a aac -t 2.9667 -video_track_timescale 90000 '" + source + "'"),
+              "");
+    return source;
+}
+
+TEST(HostReport, VariableRateIsNamedWithTheFramesRepeatedAndDropped)
+{
+    if (!HaveEncoder("libx264")) GTEST_SKIP() << "this ffmpeg has no libx264 encoder";
+    HostSandbox box;
+    const std::string source = VariableRateMovie(box);
+
+    const ProcessResult json = box.Run({"convert", source, "--name", "Vfr", "--batch", "--json"});
+    ASSERT_EQ(json.exit, 0) << json.err;
+    const QJsonObject j = QJsonDocument::fromJson(QByteArray::fromStdString(json.out)).object();
+    const std::string note = j["frame_rate_note"].toString().toStdString();
+    const int frames = j["video"].toObject()["frames"].toInt();
+    ASSERT_GT(frames, 60);
+    EXPECT_EQ(zubtest::ClipFrames(j["video"].toObject()["path"].toString().toStdString()), frames);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(note, m, std::regex("variable frame rate, conformed to [0-9.]+ fps: (\\d+) frames? repeated, "
+                                                      "(\\d+) frames? dropped$")))
+        << json.out;
+    EXPECT_EQ(std::stoi(m[1]) - std::stoi(m[2]), frames - 60);
+    EXPECT_EQ(note.rfind(source, 0), 0u) << "the note names the source";
+
+    const ProcessResult text = box.Run({"convert", source, "--name", "Vfr2", "--batch"});
+    ASSERT_EQ(text.exit, 0) << text.err;
+    EXPECT_NE(text.out.find("note: " + note + "\n"), std::string::npos) << text.out;
+}
+
+TEST(HostReport, ConstantRateHasNoNote)
+{
+    if (!HaveEncoder("libx264")) GTEST_SKIP() << "this ffmpeg has no libx264 encoder";
+    HostSandbox box;
+    const std::string source = (box.Media() / "cfr.mp4").string();
+    ASSERT_EQ(Ffmpeg("-f lavfi -i testsrc2=size=160x120:rate=30000/1001:duration=1 -c:v libx264 -preset ultrafast '" +
+                     source + "'"),
+              "");
+    const ProcessResult json = box.Run({"convert", source, "--name", "Cfr", "--batch", "--json"});
+    ASSERT_EQ(json.exit, 0) << json.err;
+    const QJsonObject j = QJsonDocument::fromJson(QByteArray::fromStdString(json.out)).object();
+    EXPECT_TRUE(j.contains("frame_rate_note"));
+    EXPECT_TRUE(j["frame_rate_note"].isNull()) << json.out;
+    const ProcessResult text = box.Run({"convert", source, "--name", "Cfr2", "--batch"});
+    EXPECT_EQ(text.out.find("note:"), std::string::npos) << text.out;
+}
+
+}  // namespace
+}  // namespace zub::formats
