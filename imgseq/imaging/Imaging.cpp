@@ -495,7 +495,7 @@ void DecodeScaled(const char* path, const uint8_t* data, std::size_t size, ZubIm
         try {
             scale();
         } catch (const Failure& f) {
-            FailFile(path, "%s", f.message.c_str());
+            throw Failure{zub::Error{path, f.error.Message()}};
         }
     };
 

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 #include "tests/imgseq/RunTestSupport.h"
 #include "imgseq/ImageFitting.h"
@@ -166,6 +167,19 @@ TEST(FastStills, RunLengthPacketsCrossingRowsReadAsTheGeneralReaderReadsThem)
             EXPECT_EQ(fast, general);
             const std::string ff = Capture("ffmpeg -v error -i " + Quote(path) + " -f rawvideo -pix_fmt bgra -");
             EXPECT_EQ(fast, std::vector<std::uint8_t>(ff.begin(), ff.end()));
+
+            // Resized, the file goes straight into the scaler's planes: the frame must be the
+            // packed picture resized, byte for byte.
+            const std::int32_t word = MakeFitWord(kFitStretchAll, kAreaSafeImage, kResizeBiLinear);
+            FrameHolder planar, packed;
+            Image img;
+            std::string e;
+            ASSERT_TRUE(LoadFrame(path, word, false, false, {720, 486}, planar, &e)) << e;
+            ASSERT_TRUE(ReadImageFile(path, img, &e) && PrepareImage(img, word, false, false, {720, 486}, &e) &&
+                        PackFrame(img, packed, &e))
+                << e;
+            ASSERT_EQ(planar.BlockSize(), packed.BlockSize());
+            EXPECT_EQ(std::memcmp(planar.Block(), packed.Block(), planar.BlockSize()), 0);
         }
     }
 }
