@@ -9,6 +9,11 @@
 #include <cstring>
 #include <filesystem>
 
+extern "C" {
+#include <libavutil/frame.h>
+#include <libavutil/pixfmt.h>
+}
+
 #include "device/RecorderDevice.h"
 #include "dva/DeleteOnFail.h"
 #include "graph/GraphAudioReader.h"
@@ -202,7 +207,10 @@ bool ConvertSession::Init()
     graphUsable_ = graphVideo_->Init(&why) && graphAudio_->Init(&why);
     if (!graphUsable_) Say(kFiltersMissing, Buttons::Ok, Icon::Warning, 0, true);
 
-    // 5. Probe through the graph.
+    // 5. Probe through the graph. Opened for the decoder's own planes already (what the
+    // frame path takes whenever the fit is a plain scale), so Convert need not open it again;
+    // the reader describes the picture the same either way.
+    graphVideo_->SetPlanarOutput(!dlg_.serverMode_ && !std::getenv("ZUBIMPORT_CONVERT_PACKED"));
     if (graphUsable_ && !isMov_ && !dlg_.audioOnly_) hasVideo_ = graphVideo_->OpenVideo(src, &why) ? 1 : 0;
     std::string audioWhy;
     if (graphUsable_ && !isMov_) hasAudio_ = graphAudio_->OpenAudio(src, &audioWhy) ? 1 : 0;
@@ -565,11 +573,12 @@ void ConvertSession::OnConvert()
         if (graphVideo_) {
             accepted_ = 0;
             if (!dlg_.serverMode_ && !sourceAlpha_) {
-                // A plain scale takes the decoder's planes: the source is opened again for them.
+                // A plain scale takes the decoder's planes, as the source was opened; any other
+                // fit takes 24-bit rows, for which it is opened again.
                 planar_ = !std::getenv("ZUBIMPORT_CONVERT_PACKED") &&
                           PlainScalePlacement(sourceWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
-                if (planar_) {
-                    graphVideo_->SetPlanarOutput(true);
+                if (planar_ != graphVideo_->PlanarOutput()) {
+                    graphVideo_->SetPlanarOutput(planar_);
                     std::string why;
                     if (!graphVideo_->OpenVideo(dlg_.source_, &why) || graphVideo_->Width() != sourceWidth_ ||
                         graphVideo_->Height() != sourceHeight_) {
@@ -589,6 +598,9 @@ void ConvertSession::OnConvert()
             }
         } else {
             accepted_ = 0;
+            // A plain scale takes the movie decoder's own planes instead of a drawn picture.
+            planar_ = !std::getenv("ZUBIMPORT_CONVERT_PACKED") &&
+                      PlainScalePlacement(sourceWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
             StartPipeline();
             qtVideoFinished_ = 0;
             Post(kEvConvertFrame);
@@ -654,7 +666,8 @@ int ConvertSession::TakeFrame(const VideoSample& sample)
 {
     if (errorFlag_) return 0;
     if (pendingAbort_) return 1;
-    if (!sample.data || (!sample.planar && sample.bitsPerPixel != 24 && sample.bitsPerPixel != 32)) {
+    if (!sample.data || (sample.planar && !sample.keep) ||
+        (!sample.planar && sample.bitsPerPixel != 24 && sample.bitsPerPixel != 32)) {
         errorFlag_ = 1;
         Post(kEvConvertError);
         return 0;
@@ -681,10 +694,10 @@ int ConvertSession::TakeFrame(const VideoSample& sample)
     if (!job) job = std::make_unique<FrameJob>();
 
     if (sample.planar) {
-        // Converted and scaled in one pass straight into the frame: no fitting step left.
-        std::string why;
-        const bool scaled = scaler_.Scale(sample, placement_, SplitFitWord(fitWord_).method, frame_, job->holder, &why);
-        return Enqueue(std::move(job), scaled, toImport_);
+        // The decoder's picture is held, not copied: the fit worker converts and scales it in
+        // one pass straight into the frame while this thread decodes the next one.
+        job->planar = sample;
+        return Enqueue(std::move(job), true, toFit_);
     }
 
     // The 24-bit rows carry the bitmap padding to 4 bytes; 32-bit rows are copied as they are.
@@ -710,6 +723,33 @@ int ConvertSession::TakeFrame(const VideoSample& sample)
             std::memcpy(img.Row(y), sample.data + sample.stride * y, static_cast<std::size_t>(sample.width) * 4);
     }
     return Enqueue(std::move(job), taken, toFit_);
+}
+
+// The movie's frame as the decoder made it, handed to the pipeline as planes when the
+// scaler takes them (8-bit 4:2:0, studio range, the movie's own size): nothing is drawn at
+// full size. -1 when the frame must be drawn instead; otherwise what TakeFrame answers.
+int ConvertSession::TakeMoviePicture()
+{
+    std::shared_ptr<AVFrame> picture(av_frame_alloc(), [](AVFrame* f) { av_frame_free(&f); });
+    if (!picture || !qtVideo_->CurrentPicture(picture.get())) return -1;  // drawing tells why
+    const AVFrame& f = *picture;
+    if (f.format != AV_PIX_FMT_YUV420P || f.color_range == AVCOL_RANGE_JPEG || f.width != sourceWidth_ ||
+        f.height != sourceHeight_ || f.linesize[0] <= 0 || f.linesize[1] <= 0 || f.linesize[2] <= 0)
+        return -1;
+    VideoSample sample;
+    sample.planar = true;
+    sample.width = f.width;
+    sample.height = f.height;
+    sample.bitsPerPixel = 12;
+    for (int p = 0; p < 3; ++p) {
+        sample.plane[p] = f.data[p];
+        sample.planeStride[p] = f.linesize[p];
+    }
+    sample.data = sample.plane[0];
+    sample.stride = sample.planeStride[0];
+    sample.size = static_cast<std::size_t>(f.linesize[0]) * static_cast<std::size_t>(f.height);
+    sample.keep = std::move(picture);
+    return TakeFrame(sample);
 }
 
 // A taken frame gets its place in the clip and goes to its next stage; one that could not be
@@ -796,7 +836,22 @@ void ConvertSession::FitWorker()
             job = std::move(toFit_.front());
             toFit_.pop_front();
         }
-        if (errorFlag_ || !FitAndPack(job->image, job->holder)) {
+        bool fitted = false;
+        if (!errorFlag_) {
+            if (job->planar.planar) {
+                std::string why;
+                fitted = scaler_.Scale(job->planar, placement_, SplitFitWord(fitWord_).method, frame_, job->holder, &why);
+                if (!fitted) {
+                    errorFlag_ = 1;
+                    Post(kEvConvertError);
+                }
+            } else {
+                fitted = FitAndPack(job->image, job->holder);
+            }
+        }
+        // The decoder's picture goes back as soon as it has been scaled.
+        job->planar = VideoSample{};
+        if (!fitted) {
             FinishJob(std::move(job));
             continue;
         }
@@ -1216,7 +1271,10 @@ void ConvertSession::OnConvertFrame()
 
     if (convertVideo_ && qtVideo_ && !qtVideoFinished_ && !pendingAbort_) {
         bool finished = true;
-        if (qtVideo_->RenderCurrentFrame()) {
+        const int tookPicture = planar_ ? TakeMoviePicture() : -1;
+        if (tookPicture >= 0) {
+            finished = !tookPicture || budgetReached_ || errorFlag_ || qtVideo_->AdvanceFrame() == -1;
+        } else if (qtVideo_->RenderCurrentFrame()) {
             const DrawingContext* dc = qtVideo_->GetDrawingContext();
             if (dc && dc->bits) {
                 // The drawn frame is a 24-bit top-down bitmap: fitted and imported by the

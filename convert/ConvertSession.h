@@ -128,6 +128,7 @@ protected:
 private:
     int ServerVideoCallback(const VideoSample& sample);
     int TakeFrame(const VideoSample& sample);
+    int TakeMoviePicture();
     bool FitAndPack(Image& image, FrameHolder& holder);
     int ImportPacked(const FrameHolder& holder, unsigned index);
     FrameImport ImportRecord(unsigned index, const void* data, FrameSource source) const;
@@ -138,6 +139,7 @@ private:
         Image image;
         FrameHolder holder;
         unsigned index = 0;
+        VideoSample planar;  // the decoder's held picture, waiting for the scaler
     };
     void StartPipeline();
     void StopPipeline();
@@ -236,9 +238,9 @@ private:
     bool pipelineRunning_ = false;
     std::thread fitThread_, importThread_;
     std::atomic<unsigned> accepted_{0};
-    bool planar_ = false;                // the graph delivers the decoder's planes
+    bool planar_ = false;                // the decoder's planes are scaled straight into the frame
     ScaledPlacement placement_{};
-    PlanarFrameScaler scaler_;           // streaming thread only
+    PlanarFrameScaler scaler_;           // the fit worker's
 };
 
 // The dialog layer (a part of its own, with widgets) registers how it shows a session; Modal

@@ -20,6 +20,20 @@ struct FrameUnmap {
     void operator()(GstVideoFrame* f) const { gst_video_frame_unmap(f); }
 };
 
+// A decoded picture mapped for reading; the mapping holds a reference on the buffer, so the
+// planes stay valid for as long as this lives, whichever thread lets it go.
+struct HeldPicture {
+    GstVideoFrame frame{};
+    bool mapped = false;
+    HeldPicture() = default;
+    HeldPicture(const HeldPicture&) = delete;
+    HeldPicture& operator=(const HeldPicture&) = delete;
+    ~HeldPicture()
+    {
+        if (mapped) gst_video_frame_unmap(&frame);
+    }
+};
+
 // GIF decoders hand out 32-bit pictures whether or not the file has a transparent colour,
 // and later frames' transparent pixels only let the previous picture show through; the
 // picture has see-through parts only when the first frame's graphic control block names a
@@ -276,15 +290,18 @@ int CGraphVideoReader::Emit(GstSample* sample, std::int64_t time, bool repeated)
         s.height = GST_VIDEO_INFO_HEIGHT(&info);
         s.bitsPerPixel = 12;
         s.planar = true;
-        if (gst_video_frame_map(&frame, &info, buffer, GST_MAP_READ)) {
-            mapped.reset(&frame);
+        auto held = std::make_shared<HeldPicture>();
+        if (gst_video_frame_map(&held->frame, &info, buffer, GST_MAP_READ)) {
+            held->mapped = true;
+            const GstVideoFrame& f = held->frame;
             for (int p = 0; p < 3; ++p) {
-                s.plane[p] = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, p));
-                s.planeStride[p] = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, p);
+                s.plane[p] = static_cast<const std::uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&f, p));
+                s.planeStride[p] = GST_VIDEO_FRAME_PLANE_STRIDE(&f, p);
             }
             s.data = s.plane[0];
             s.stride = s.planeStride[0];
-            s.size = static_cast<std::size_t>(GST_VIDEO_FRAME_SIZE(&frame));
+            s.size = static_cast<std::size_t>(GST_VIDEO_FRAME_SIZE(&f));
+            s.keep = std::move(held);
         }
     } else if (buffer && gst_video_info_from_caps(&info, gst_sample_get_caps(sample))) {
         s.width = GST_VIDEO_INFO_WIDTH(&info);

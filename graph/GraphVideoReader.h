@@ -51,6 +51,11 @@ struct VideoSample {
     bool planar = false;
     const std::uint8_t* plane[3] = {nullptr, nullptr, nullptr};
     std::ptrdiff_t planeStride[3] = {0, 0, 0};
+    // Planar delivery: owns the decoded picture the planes point into. A sink that keeps a
+    // copy of this handle (and of the sample) may read the planes after it has returned, on
+    // any thread, so the picture need not be copied to be worked on elsewhere; the decoder
+    // takes a new buffer meanwhile. Null for 24- and 32-bit rows, which live only during the call.
+    std::shared_ptr<const void> keep;
 };
 
 class IVideoFrameSink {
@@ -76,6 +81,8 @@ public:
     // (as most decoders produce them, so nothing converts the full-size picture) instead of
     // 24-bit rows. The format queries still describe the 24-bit picture.
     void SetPlanarOutput(bool on) { planarWanted_ = on; }
+    // True when the source is open and delivers planes (asked for, and no alpha).
+    bool PlanarOutput() const { return graph_ && planarWanted_ && !decodedAlpha_; }
     // Opens `path` for video and prerolls it: the format is known afterwards. False, with
     // "path: reason", for a file that is not media, has no video or cannot be decoded; no
     // streaming thread is left behind.

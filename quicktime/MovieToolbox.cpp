@@ -357,6 +357,26 @@ OSErr Movie::Draw(std::string* why)
     return noErr;
 }
 
+OSErr Movie::CurrentPicture(AVFrame* picture, std::string* why)
+{
+    if (!format_ || videoStream_ < 0 || videoTimes_.empty()) {
+        Fail(why, path_ + ": the movie has no video");
+        return invalidTrack;
+    }
+    if (!picture) {
+        Fail(why, path_ + ": nowhere to put the picture");
+        return paramErr;
+    }
+    if (!DecodeOrdinal(OrdinalAt(time_), why)) return badImageDescription;
+    av_frame_unref(picture);
+    const int err = av_frame_ref(picture, shown_.get());
+    if (err < 0) {
+        Fail(why, path_ + ": cannot hold the decoded frame: " + AvError(err));
+        return memFullErr;
+    }
+    return noErr;
+}
+
 OSErr Movie::IndTrackType(int index, OSType mediaType, int* track) const
 {
     if (!format_ || index < 1) return invalidTrack;

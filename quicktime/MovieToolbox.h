@@ -148,6 +148,10 @@ public:
     // UpdateMovie + MoviesTask: draws the video frame shown at the current time into the
     // graphics world. Returns noErr when a frame was drawn.
     OSErr Draw(std::string* why);
+    // The video frame shown at the current time as the decoder made it, nothing drawn:
+    // `picture` gets a new reference to the decoded frame (its planes are shared, not
+    // copied, and stay valid while the reference lives). Returns noErr when there is one.
+    OSErr CurrentPicture(AVFrame* picture, std::string* why);
 
     // GetMovieIndTrackType(movie, index, type, by media type): the index-th (1-based) track
     // of that media type, or invalidTrack. The track is the demuxer's stream number.

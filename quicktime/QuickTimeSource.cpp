@@ -170,6 +170,16 @@ bool CQuickTimeVideoSource::RenderCurrentFrame()
     return movie_->Draw(&error_) == noErr;
 }
 
+bool CQuickTimeVideoSource::CurrentPicture(AVFrame* picture)
+{
+    if (!movie_) {
+        error_ = "no movie is open";
+        return false;
+    }
+    movie_->SetTimeValue(currentTime_);
+    return movie_->CurrentPicture(picture, &error_) == noErr;
+}
+
 TimeValue CQuickTimeVideoSource::AdvanceFrame()
 {
     if (!movie_ || currentTime_ == -1) return currentTime_ = -1;

@@ -77,6 +77,9 @@ public:
     // Draws the frame at the current time into the bitmap; false (with LastError) when no
     // frame could be drawn.
     bool RenderCurrentFrame();
+    // The frame at the current time as decoded, without drawing it: `picture` gets a new
+    // reference to the decoder's frame. False (with LastError) when there is none.
+    bool CurrentPicture(AVFrame* picture);
     // The next video sample's time, -1 after the last one.
     qt::TimeValue AdvanceFrame();
 
