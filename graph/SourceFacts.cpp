@@ -103,14 +103,18 @@ void RateOfDuration(double seconds, int* num, int* den)
     static const int kStandard[][2] = {{24000, 1001}, {24, 1}, {25, 1},  {30000, 1001}, {30, 1}, {48, 1},
                                        {50, 1},       {60000, 1001}, {60, 1}, {15, 1},   {12, 1}, {10, 1},
                                        {100, 1},      {120000, 1001}, {120, 1}};
+    // 24 and 24000/1001 lie within 0.1% of each other: the nearest standard wins.
+    double best = 0;
     for (const auto& s : kStandard) {
         const double r = static_cast<double>(s[0]) / s[1];
-        if (std::fabs(rate - r) <= r * 0.001) {
+        const double off = std::fabs(rate - r);
+        if (off <= r * 0.001 && (*num == 0 || off < best)) {
             *num = s[0];
             *den = s[1];
-            return;
+            best = off;
         }
     }
+    if (*num != 0) return;
     const AVRational q = av_d2q(rate, 1000000);
     *num = q.num;
     *den = q.den;

@@ -325,3 +325,34 @@ TEST(OpAtom, ReadFromAScratchCopyRemovedOnEveryPath)
 
 }  // namespace
 }  // namespace zub::formats
+
+namespace zub::formats {
+namespace {
+
+TEST(VariableRateNote, SaysWhatConformingDidInTheUsersTerms)
+{
+    EXPECT_EQ(VariableRateNote("/m/a.mp4", true, 333667, 12, 3),
+              "/m/a.mp4: variable frame rate, conformed to 29.97 fps: 12 frames repeated, 3 frames dropped");
+    EXPECT_EQ(VariableRateNote("b.mov", true, 400000, 1, 0),
+              "b.mov: variable frame rate, conformed to 25 fps: 1 frame repeated, 0 frames dropped");
+    EXPECT_EQ(VariableRateNote("c.mkv", true, 416667, 0, 1),
+              "c.mkv: variable frame rate, conformed to 24 fps: 0 frames repeated, 1 frame dropped");
+    EXPECT_EQ(VariableRateNote("d.mp4", false, 333667, 0, 0), "d.mp4: variable frame rate, frames kept as delivered");
+}
+
+// Standard rates 0.1% apart (24 and 24000/1001) are told apart by which is nearer.
+TEST(RateOfDuration, NearestStandardRateWins)
+{
+    int num = 0, den = 0;
+    RateOfDuration(1.0 / 24, &num, &den);
+    EXPECT_EQ(num * 1000 / den, 24000);
+    RateOfDuration(1001.0 / 24000, &num, &den);
+    EXPECT_EQ(num, 24000);
+    EXPECT_EQ(den, 1001);
+    RateOfDuration(1001.0 / 30000, &num, &den);
+    EXPECT_EQ(num, 30000);
+    EXPECT_EQ(den, 1001);
+}
+
+}  // namespace
+}  // namespace zub::formats
