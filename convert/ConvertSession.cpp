@@ -17,6 +17,7 @@ extern "C" {
 #include "device/RecorderDevice.h"
 #include "dva/DeleteOnFail.h"
 #include "graph/GraphAudioReader.h"
+#include "graph/SourceFacts.h"
 #include "imgseq/SequenceNaming.h"
 #include "quicktime/QuickTimeSource.h"
 #include "zubimport/Dva.h"
@@ -1120,7 +1121,9 @@ void ConvertSession::ReportProgress()
 void ConvertSession::WriteDva()
 {
     CDva dva;
-    if (!dva.WriteNew(audioPath_.c_str(), videoPath_.c_str(), "", "00:00:00:00")) Say(kDvaFailed, Buttons::Ok, Icon::Error);
+    std::string tape, tc = "00:00:00:00";
+    if (CurrentSettings().sourceTimecode) ReadTapeAndTimecode(dlg_.source_, &tape, &tc);
+    if (!dva.WriteNew(audioPath_.c_str(), videoPath_.c_str(), tape.c_str(), tc.c_str())) Say(kDvaFailed, Buttons::Ok, Icon::Error);
 }
 
 void ConvertSession::CompletionStep()
@@ -1137,6 +1140,11 @@ void ConvertSession::CompletionStep()
         const bool done = (graphVideo_ ? graphVideo_->Finished() : qtVideoFinished_ != 0) && PipelineIdle();
         if (done || abortRequested_ || errorFlag_ || budgetReached_) {
             if (done) view_.videoProgress = view_.videoRange;
+            if (graphVideo_ && graphVideo_->IsVariableRate()) {
+                dlg_.report_.frameRateNote = VariableRateNote(dlg_.source_, graphVideo_->Conforming(), graphVideo_->TimePerFrame(),
+                                                              graphVideo_->FramesRepeated(), graphVideo_->FramesDropped());
+                dlg_.report_.messages.push_back(dlg_.report_.frameRateNote);
+            }
             StopVideoGraph();
             rec.ReleaseItem(videoItem_);
             rec.ReleaseItem(alphaItem_);

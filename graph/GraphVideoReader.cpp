@@ -87,6 +87,8 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
     // What libavformat can tell beyond the graph; a file it cannot read is still decoded by
     // the graph with the graph's own numbers.
     ReadVideoFacts(path, &facts_, nullptr);
+    // A source the graph cannot read as it is (MXF OP-Atom) is read from a copy of its streams.
+    if (facts_.opAtom && !MakeGraphCopy(path, &facts_.graphCopy, &why)) return fail(why);
     const int rotation = facts_.rotation;
     const bool opaqueGif = facts_.known && facts_.codec == "gif" && !GifFirstFrameTransparent(path);
     graph_ = std::make_unique<gst::DecodeGraph>();
@@ -135,7 +137,8 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
         appsink_ = sink;
         return convert;
     };
-    if (!graph_->Build(path, gst::StreamKind::Video, builder, &why) || !graph_->Preroll(&why)) return fail(why);
+    const std::string& graphPath = facts_.graphCopy ? facts_.graphCopy->Path() : path;
+    if (!graph_->Build(graphPath, gst::StreamKind::Video, builder, &why) || !graph_->Preroll(&why)) return fail(why);
 
     gst::Ref<GstPad> pin(SinkPin());
     std::int64_t timePerFrame = 0;
