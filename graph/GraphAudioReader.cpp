@@ -104,6 +104,12 @@ struct ProbeSeen {
 
 GstPadProbeReturn SeenProbe(GstPad*, GstPadProbeInfo* info, gpointer data)
 {
+    // Added on one streaming thread, called on another, freed on the owner's: GStreamer's own
+    // locks order the three, the hand-over lock shows that order to race detectors.
+    struct Ordered {
+        Ordered() { gst::HandOver(); }
+        ~Ordered() { gst::HandOver(); }
+    } ordered;
     ProbeSeen* seen = static_cast<std::shared_ptr<ProbeSeen>*>(data)->get();
     if (info->type & GST_PAD_PROBE_TYPE_BUFFER) {
         const gsize size = gst_buffer_get_size(GST_PAD_PROBE_INFO_BUFFER(info));
