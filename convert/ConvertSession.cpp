@@ -300,6 +300,13 @@ bool ConvertSession::SetUpFramePath()
         sourceBits_ = 24;
         sourceAlpha_ = false;
     }
+    fitWidth_ = sourceWidth_;
+    if (CurrentSettings().sourcePixelAspect) {
+        VideoFacts facts;
+        if (ReadVideoFacts(dlg_.source_, &facts) && facts.parNum > 0 && facts.parDen > 0 &&
+            facts.parNum != facts.parDen)
+            fitWidth_ = static_cast<int>(std::llround(double(sourceWidth_) * facts.parNum / facts.parDen));
+    }
     if (qtVideo_ || (!dlg_.serverMode_ && !sourceAlpha_)) {
         // The frames in flight get their buffers as they come; one of each is had now so that
         // a picture too large for memory is refused before anything is created.
@@ -577,7 +584,7 @@ void ConvertSession::OnConvert()
                 // A plain scale takes the decoder's planes, as the source was opened; any other
                 // fit takes 24-bit rows, for which it is opened again.
                 planar_ = !std::getenv("ZUBIMPORT_CONVERT_PACKED") &&
-                          PlainScalePlacement(sourceWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
+                          PlainScalePlacement(fitWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
                 if (planar_ != graphVideo_->PlanarOutput()) {
                     graphVideo_->SetPlanarOutput(planar_);
                     std::string why;
@@ -601,7 +608,7 @@ void ConvertSession::OnConvert()
             accepted_ = 0;
             // A plain scale takes the movie decoder's own planes instead of a drawn picture.
             planar_ = !std::getenv("ZUBIMPORT_CONVERT_PACKED") &&
-                      PlainScalePlacement(sourceWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
+                      PlainScalePlacement(fitWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
             StartPipeline();
             qtVideoFinished_ = 0;
             Post(kEvConvertFrame);

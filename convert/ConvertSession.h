@@ -189,6 +189,7 @@ private:
     int hasVideo_ = 0, hasAudio_ = 0;
     bool sourceAlpha_ = false;
     int sourceWidth_ = 0, sourceHeight_ = 0, sourceBits_ = 0;
+    int fitWidth_ = 0;  // the width the fit sees: the stored width, or the shown one for non-square pixels
     int choiceVideo_ = -1, choiceAudio_ = -1, choiceDva_ = -1;
     bool isMov_ = false;
 

@@ -57,6 +57,10 @@ struct ImportSettings {
     // Beyond the original dialogs, off unless a host turns it on: the .dva gets the source's
     // start timecode and reel name instead of an empty tape name and "00:00:00:00".
     std::int32_t sourceTimecode = 0;
+    // Also off unless a host turns it on: a source with non-square pixels (anamorphic DV and
+    // HDV) is fitted by the shape it is shown in rather than by its stored pixel count, for
+    // the fits that scale the whole picture.
+    std::int32_t sourcePixelAspect = 0;
 
     bool operator==(const ImportSettings&) const = default;
 };

@@ -368,6 +368,64 @@ INSTANTIATE_TEST_SUITE_P(
                                "10:20:30;00"}),
     [](const ::testing::TestParamInfo<TapeCase>& info) { return std::string(info.param.name); });
 
+// Rows of a clip's first frame that hold picture (a white source on the black frame), as read
+// from the PNG zubclip exports; -1 when the frame cannot be had.
+int LitRows(const std::string& clip, const std::string& folder)
+{
+    std::filesystem::create_directories(folder);
+    int status = 0;
+    test::Capture(kZubclip + " export '" + clip + "' -o '" + folder + "' --first 0 --last 0 2>&1", &status);
+    if (status != 0) return -1;
+    for (const auto& e : std::filesystem::directory_iterator(folder)) {
+        const std::string gray = test::Capture("ffmpeg -v error -i '" + e.path().string() + "' -f rawvideo -pix_fmt gray -");
+        const std::size_t width = 720;
+        if (gray.size() % width) return -1;
+        int lit = 0;
+        for (std::size_t row = 0; row < gray.size() / width; ++row)
+            lit += static_cast<unsigned char>(gray[row * width + width / 2]) > 128;
+        return lit;
+    }
+    return -1;
+}
+
+class SourcePixelAspect : public Conversion, public ::testing::WithParamInterface<const char*> {};
+
+// Anamorphic 16:9 NTSC material, 720 x 480 stored pixels shown 853 wide: fitted whole into the
+// 720 x 486 frame it fills 480 rows as stored, and with the option on it is letterboxed to the
+// shape it is shown in (720 x 405). Through the graph (DV) and the movie route (QuickTime).
+TEST_P(SourcePixelAspect, FitsByTheShownShapeOnlyWhenAsked)
+{
+    const std::string ext = GetParam();
+    const std::string made = media / ("anamorphic" + ext);
+    const std::string codec = ext == ".dv" ? "-target ntsc-dv" : "-c:v mpeg4 -q:v 2";
+    ASSERT_EQ(Ffmpeg("-f lavfi -i color=c=white:size=720x480:rate=30000/1001:duration=0.2 -vf setsar=32/27 " + codec + " '" +
+                     made + "'"),
+              "");
+    const std::string sar = test::CaptureLine("ffprobe -v error -select_streams v:0 -show_entries stream=sample_aspect_ratio "
+                                              "-of csv=p=0 '" + made + "'");
+    ASSERT_EQ(sar, "32:27") << "the source must be anamorphic for this test to mean anything";
+    const int shownRows = static_cast<int>(std::lround(480.0 * 720.0 / (720.0 * 32.0 / 27.0)));
+    for (int on : {0, 1}) {
+        SCOPED_TRACE(on);
+        CurrentSettings().fitWord = MakeFitWord(kFitAll, kAreaNormal, kResizeBiCubic);
+        CurrentSettings().videoUncompressed = 1;
+        CurrentSettings().sourcePixelAspect = on;
+        const std::string stem = std::string("anamorphic-") + (on ? "on" : "off");
+        const std::string source = media / (stem + ext);
+        std::filesystem::copy_file(made, source);
+        CConvertDlg dlg(source);
+        ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt_->Texts());
+        const int rows = LitRows(vol / ("video/" + stem + ".zub"), media / ("png-" + stem));
+        EXPECT_NEAR(rows, on ? shownRows : 480, 2);
+    }
+    CurrentSettings().sourcePixelAspect = 0;
+}
+
+INSTANTIATE_TEST_SUITE_P(Routes, SourcePixelAspect, ::testing::Values(".dv", ".mov"),
+                         [](const ::testing::TestParamInfo<const char*>& info) {
+                             return std::string(info.param + 1);
+                         });
+
 // Six channels beside the picture reach the clip's sound as two.
 TEST_F(Conversion, SurroundSoundBesideThePictureBecomesStereo)
 {

@@ -52,6 +52,8 @@ struct ConvertArgs {
     std::string name;
     bool server = false;
     bool yes = false;
+    bool sourceTimecode = false;
+    bool pixelAspect = false;
     CommonOptions common;
     SettingsOptions settings;
 };
@@ -83,6 +85,9 @@ int RunConvert(const ConvertArgs& a)
     zub::CConvertDlgPrefs prefs;
     std::string error;
     if (!EnterModule(run, a.common.zub, prefs, &error)) return Fail(kExitFailed, error);
+    // Choices beyond the preference record: they live for this run only.
+    zub::CurrentSettings().sourceTimecode = a.sourceTimecode ? 1 : 0;
+    zub::CurrentSettings().sourcePixelAspect = a.pixelAspect ? 1 : 0;
 
     if (!zub::CConvertDlg::ConvertableFile(a.source.c_str(), a.server ? 1 : 0)) {
         LeaveModule(prefs);
@@ -190,6 +195,10 @@ CLI::App* AddConvert(CLI::App& app, JobRunner& run)
                                 SettingsOptions::kFit);
     cmd->add_flag("--server", args->server, "The server frame path (4:2:2 frames placed as they come)");
     cmd->add_flag("--yes", args->yes, "Answer the overwrite question Yes");
+    cmd->add_flag("--source-timecode", args->sourceTimecode,
+                  "Write the source's start timecode and reel name into the .dva");
+    cmd->add_flag("--pixel-aspect", args->pixelAspect,
+                  "Fit a source with non-square pixels (anamorphic DV, HDV) by the shape it is shown in");
     args->common.Add(cmd);
     run = [args] { return RunConvert(*args); };
     return cmd;
