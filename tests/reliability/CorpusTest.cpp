@@ -85,7 +85,8 @@ bool EmptySoundTrack(std::string& f)
         if (!hdlr || f.substr(hdlr->at + 16, 4) != "soun") continue;
         const Box* minf = Find(md, "minf");
         if (!minf) return false;
-        const Box* stbl = Find(Children(f, minf->at + 8, minf->at + minf->size), "stbl");
+        const auto mi = Children(f, minf->at + 8, minf->at + minf->size);  // Find points into it
+        const Box* stbl = Find(mi, "stbl");
         if (!stbl) return false;
         for (const auto& t : Children(f, stbl->at + 8, stbl->at + stbl->size)) {
             // Full boxes: version and flags, then the entry count (stsz: sample size, then count).
