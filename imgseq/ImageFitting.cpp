@@ -171,6 +171,18 @@ bool ReadWholeFile(const std::string& path, std::vector<std::uint8_t>& bytes, st
     return true;
 }
 
+// The file read into the calling thread's buffer, and the imaging library that decodes it;
+// null with the reason, naming the file, when either cannot be had.
+const ZubImagingApi* ReadForDecoding(const std::string& path, std::vector<std::uint8_t>& bytes, std::size_t& length,
+                                     std::string* error)
+{
+    if (!ReadWholeFile(path, bytes, length, error)) return nullptr;
+    std::string why;
+    const ZubImagingApi* api = ImagingLibrary(&why);
+    if (!api) Fail(error, path + ": " + why);
+    return api;
+}
+
 }  // namespace
 
 bool DescribeImageFile(const std::string& path, ImageFileInfo& info, std::string* error)
@@ -203,11 +215,8 @@ bool ReadImageFile(const std::string& path, Image& image, std::string* error)
     image.Release();
     std::vector<std::uint8_t>& bytes = FileBuffer();
     std::size_t length = 0;
-    if (!ReadWholeFile(path, bytes, length, error)) return false;
-
-    std::string why;
-    const ZubImagingApi* api = ImagingLibrary(&why);
-    if (!api) return Fail(error, path + ": " + why);
+    const ZubImagingApi* api = ReadForDecoding(path, bytes, length, error);
+    if (!api) return false;
 
     struct Target {
         Image* image;
@@ -498,10 +507,8 @@ bool ReadFittedImageFile(const std::string& path, std::int32_t fitWord, FrameSiz
     image.Release();
     std::vector<std::uint8_t>& bytes = FileBuffer();
     std::size_t length = 0;
-    if (!ReadWholeFile(path, bytes, length, error)) return false;
-    std::string why;
-    const ZubImagingApi* api = ImagingLibrary(&why);
-    if (!api) return Fail(error, path + ": " + why);
+    const ZubImagingApi* api = ReadForDecoding(path, bytes, length, error);
+    if (!api) return false;
 
     struct Target {
         Image* image;
