@@ -10,23 +10,15 @@
 #include <string_view>
 #include <vector>
 
+#include "fuzz/FuzzSupport.h"
 #include "batch/BatchList.h"
 
 using namespace zub::batch;
 
 namespace {
 
-[[noreturn]] void Fault(const char* what, const std::string& detail = {})
-{
-    std::fprintf(stderr, "batch list fuzz: %s %s\n", what, detail.c_str());
-    std::abort();
-}
-
-std::string Scratch(const char* suffix)
-{
-    const char* tmp = std::getenv("TMPDIR");
-    return std::string(tmp && *tmp ? tmp : "/tmp") + "/zubfuzz-batch-" + std::to_string(getpid()) + suffix;
-}
+[[noreturn]] void Fault(const char* what, const std::string& detail = {}) { zub::fuzz::Fault("batch list", what, detail); }
+std::string Scratch(const char* suffix) { return zub::fuzz::Scratch("batch", suffix); }
 
 }  // namespace
 

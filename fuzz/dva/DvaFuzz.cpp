@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz/FuzzSupport.h"
 #include "dva/MmioFile.h"
 #include "zubimport/Dva.h"
 
@@ -15,19 +16,8 @@ using namespace zub;
 
 namespace {
 
-std::string Scratch(const char* suffix)
-{
-    const char* tmp = std::getenv("TMPDIR");
-    return std::string(tmp && *tmp ? tmp : "/tmp") + "/dva-fuzz-" + std::to_string(getpid()) + suffix;
-}
-
-void Store(const std::string& path, const std::uint8_t* data, std::size_t size)
-{
-    if (FILE* f = std::fopen(path.c_str(), "wb")) {
-        if (size) std::fwrite(data, 1, size, f);
-        std::fclose(f);
-    }
-}
+std::string Scratch(const char* suffix) { return fuzz::Scratch("dva", suffix); }
+using fuzz::Store;
 
 // Walks every chunk of the first RIFF form and one level of LIST forms inside it.
 void WalkChunks(const std::string& path)

@@ -17,43 +17,20 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "fuzz/FuzzSupport.h"
+#include "platform/ByteOrder.h"
 #include "quicktime/QuickTimeSource.h"
 
 using namespace zub;
 
 namespace {
 
-[[noreturn]] void Fault(const char* what, const std::string& detail = {})
-{
-    std::fprintf(stderr, "sound fuzz: %s %s\n", what, detail.c_str());
-    std::abort();
-}
-
-std::string Scratch(const char* suffix)
-{
-    const char* tmp = std::getenv("TMPDIR");
-    return std::string(tmp && *tmp ? tmp : "/tmp") + "/zubfuzz-sound-" + std::to_string(getpid()) + suffix;
-}
-
-std::vector<std::uint8_t> Slurp(const std::string& path)
-{
-    std::vector<std::uint8_t> bytes;
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) return bytes;
-    std::uint8_t buf[65536];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) bytes.insert(bytes.end(), buf, buf + n);
-    std::fclose(f);
-    return bytes;
-}
-
-bool Exists(const std::string& path)
-{
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0;
-}
-
-std::uint32_t Le32(const std::uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | std::uint32_t(p[3]) << 24; }
-std::uint16_t Le16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | p[1] << 8); }
+[[noreturn]] void Fault(const char* what, const std::string& detail = {}) { fuzz::Fault("sound", what, detail); }
+std::string Scratch(const char* suffix) { return fuzz::Scratch("sound", suffix); }
+using fuzz::Slurp;
+using fuzz::Exists;
+constexpr auto Le32 = ReadLe32;
+constexpr auto Le16 = ReadLe16;
 
 // Finds a chunk of the WAVE file's top level; offset of its body, or 0.
 std::size_t FindChunk(const std::vector<std::uint8_t>& b, const char* id, std::uint32_t* size)

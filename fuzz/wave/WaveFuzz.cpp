@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/FuzzSupport.h"
+#include "platform/ByteOrder.h"
 #include "convert/audio/AudioConverter.h"
 #include "zubimport/Dva.h"
 #include "zubimport/Prompt.h"
@@ -21,45 +23,16 @@ using namespace zub;
 
 namespace {
 
-[[noreturn]] void Fault(const char* what, const std::string& detail = {})
-{
-    std::fprintf(stderr, "wave fuzz: %s %s\n", what, detail.c_str());
-    std::abort();
-}
-
-std::string Scratch(const char* suffix)
-{
-    const char* tmp = std::getenv("TMPDIR");
-    return std::string(tmp && *tmp ? tmp : "/tmp") + "/zubfuzz-wave-" + std::to_string(getpid()) + suffix;
-}
-
+[[noreturn]] void Fault(const char* what, const std::string& detail = {}) { fuzz::Fault("wave", what, detail); }
+std::string Scratch(const char* suffix) { return fuzz::Scratch("wave", suffix); }
 void Store(const std::string& path, const std::uint8_t* data, std::size_t size)
 {
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f) Fault("cannot write", path);
-    if (size && std::fwrite(data, 1, size, f) != size) Fault("cannot write", path);
-    std::fclose(f);
+    if (!fuzz::Store(path, data, size)) Fault("cannot write", path);
 }
-
-bool Exists(const std::string& path)
-{
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0;
-}
-
-std::vector<std::uint8_t> Slurp(const std::string& path)
-{
-    std::vector<std::uint8_t> bytes;
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) return bytes;
-    std::uint8_t buf[65536];
-    for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) bytes.insert(bytes.end(), buf, buf + n);
-    std::fclose(f);
-    return bytes;
-}
-
-std::uint32_t Le32(const std::uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | std::uint32_t(p[3]) << 24; }
-std::uint16_t Le16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] | p[1] << 8); }
+using fuzz::Slurp;
+using fuzz::Exists;
+constexpr auto Le32 = ReadLe32;
+constexpr auto Le16 = ReadLe16;
 
 // A file the utilities write is always laid out the one way: RIFF header, a 16-byte "fmt "
 // chunk, then "data" up to the end (padded to even). Read it independently of the RIFF layer
