@@ -214,6 +214,7 @@ BatchRunResult RunBatch(const std::vector<BatchRow>& rows, const BatchRunOptions
             }
         }
         out.ok = ok;
+        out.frameRateNote = imp.frameRateNote;
         if (ok) {
             out.clipPath = imp.clipPath;
             out.secondPath = imp.secondPath;

@@ -22,6 +22,7 @@ struct RowImport {
     std::string clipPath;     // the first target (clip, .wav or .dva)
     std::string secondPath;   // the second target ("" when none)
     long expectedFrames = -1; // frames the importer put into the video clip; -1 when it does not say
+    std::string frameRateNote; // a variable-rate source: how its frames became the clip's; "" otherwise
 };
 
 // The seam to the two importers: the conversion engine for video and audio rows, the image
@@ -56,6 +57,7 @@ struct BatchRowResult {
     bool ran = false;          // false for rows a cancel left out
     std::string result;        // the Result column
     std::string clipPath, secondPath;
+    std::string frameRateNote;  // the importer's, kept whether the row succeeded or not
     bool notified = false;
 };
 

@@ -46,6 +46,7 @@ private:
         if (!audioOnly) out.secondPath = second;  // an audio row keeps only its sound file
         const ConvertReport& report = dlg.GetReport();
         if (!report.videoPath.empty()) out.expectedFrames = static_cast<long>(report.framesDone);
+        out.frameRateNote = report.frameRateNote;
         return out;
     }
 };

@@ -235,10 +235,19 @@ bool ConvertSession::Init()
         }
         if (!hasVideo_) qtVideo_.reset();
         if (!hasAudio_) qtAudio_.reset();
+        // The movie route steps sample by sample; whether the samples' durations vary, and
+        // over what span, comes from the container as the graph route has it.
+        if (qtVideo_) {
+            VideoFacts facts;
+            if (ReadVideoFacts(src, &facts) && facts.variableRate && facts.span > 0) movieSpan_ = facts.span;
+        }
     } else {
         if (!hasVideo_) graphVideo_.reset();
         if (!hasAudio_) graphAudio_.reset();
     }
+
+    // Named as soon as it is known, so a dialog or host can say so before converting.
+    if (SourceIsVariableRate()) dlg_.report_.frameRateNote = dlg_.source_ + ": variable frame rate";
 
     // 8. Nothing opened. The graph's reason for the sound goes to the report first: the
     // unsupported text names neither the file nor why.
@@ -522,15 +531,17 @@ void ConvertSession::OnConvert()
 
         // A variable-rate source is conformed to the clip's own rate, so the clip plays as long
         // as the source and its sound.
-        if (graphVideo_ && graphVideo_->IsVariableRate() && graphVideo_->TimePerFrame() > 0) {
-            if (fixedFieldSize_) {
-                graphVideo_->SetConformRate(24, 1);
-            } else if (lines_ == 525) {
-                graphVideo_->SetConformRate(30000, 1001);
-            } else {
-                graphVideo_->SetConformRate(25, 1);
-            }
+        // Unless asked to keep the frames as they come.
+        const bool conform = s.keepVariableRateFrames == 0;
+        const int clipNum = fixedFieldSize_ ? 24 : lines_ == 525 ? 30000 : 25;
+        const int clipDen = clipNum == 30000 ? 1001 : 1;
+        if (graphVideo_) {
+            graphVideo_->SetConform(conform);
+            if (graphVideo_->IsVariableRate() && graphVideo_->TimePerFrame() > 0)
+                graphVideo_->SetConformRate(clipNum, clipDen);
         }
+        if (qtVideo_ && conform && movieSpan_ > 0)
+            qtVideo_->ConformTo((10'000'000LL * clipDen + clipNum / 2) / clipNum, movieSpan_);
         if (graphVideo_ && graphVideo_->TimePerFrame() > 0) {
             totalFrames_ = FrameBudget(graphVideo_->Duration(), graphVideo_->TimePerFrame());
         } else if (qtVideo_) {
@@ -1150,6 +1161,10 @@ void ConvertSession::CompletionStep()
             if (graphVideo_ && graphVideo_->IsVariableRate()) {
                 dlg_.report_.frameRateNote = VariableRateNote(dlg_.source_, graphVideo_->Conforming(), graphVideo_->TimePerFrame(),
                                                               graphVideo_->FramesRepeated(), graphVideo_->FramesDropped());
+                dlg_.report_.messages.push_back(dlg_.report_.frameRateNote);
+            } else if (qtVideo_ && movieSpan_ > 0) {
+                dlg_.report_.frameRateNote = VariableRateNote(dlg_.source_, qtVideo_->Conforming(), qtVideo_->TimePerFrame(),
+                                                              qtVideo_->FramesRepeated(), qtVideo_->FramesDropped());
                 dlg_.report_.messages.push_back(dlg_.report_.frameRateNote);
             }
             StopVideoGraph();

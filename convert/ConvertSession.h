@@ -192,6 +192,8 @@ private:
     int fitWidth_ = 0;  // the width the fit sees: the stored width, or the shown one for non-square pixels
     int choiceVideo_ = -1, choiceAudio_ = -1, choiceDva_ = -1;
     bool isMov_ = false;
+    std::int64_t movieSpan_ = 0;  // a variable-rate movie's span (100 ns); 0 when its rate is constant
+    bool SourceIsVariableRate() const { return (graphVideo_ && graphVideo_->IsVariableRate()) || movieSpan_ > 0; }
 
     // Convert-time copies of the settings: the streaming thread reads these, never the record.
     int videoUncompressed_ = 0, alphaUncompressed_ = 0;

@@ -208,6 +208,14 @@ TimeValue Movie::NextInterestingTime(int flags, OSType mediaType, TimeValue time
     return it == videoTimes_.end() ? -1 : *it;
 }
 
+void Movie::VideoTimeBase(int* num, int* den) const
+{
+    *num = *den = 0;
+    if (!format_ || videoStream_ < 0) return;
+    *num = format_->streams[videoStream_]->time_base.num;
+    *den = format_->streams[videoStream_]->time_base.den;
+}
+
 std::size_t Movie::OrdinalAt(TimeValue time) const
 {
     // The frame shown at a time is the last sample starting at or before it; decoded frames

@@ -143,6 +143,12 @@ public:
     TimeValue NextInterestingTime(int flags, OSType mediaType, TimeValue time, Fixed rate) const;
     void SetTimeValue(TimeValue time) { time_ = time; }
     TimeValue TimeValueNow() const { return time_; }
+    // The video track's time scale: movie times are in units of num/den seconds (0/0 without
+    // video).
+    void VideoTimeBase(int* num, int* den) const;
+    // Video samples the movie holds, and the one (0-based, in display order) shown at `time`.
+    std::size_t VideoSampleCount() const { return videoTimes_.size(); }
+    std::size_t OrdinalAt(TimeValue time) const;
 
     void SetGWorld(const GWorld* world) { world_ = world; }
     // UpdateMovie + MoviesTask: draws the video frame shown at the current time into the
@@ -165,7 +171,6 @@ private:
     Movie() = default;
     OSErr OpenFormat(const std::string& path, bool movieOnly, std::string* why);
     void BuildVideoTimes();
-    std::size_t OrdinalAt(TimeValue time) const;
     bool RestartVideo(std::string* why);
     bool DecodeOrdinal(std::size_t ordinal, std::string* why);
 

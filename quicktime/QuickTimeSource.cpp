@@ -6,6 +6,10 @@
 #include <cstring>
 #include <mutex>
 
+extern "C" {
+#include <libavutil/mathematics.h>
+}
+
 namespace zub {
 
 using namespace qt;
@@ -69,6 +73,8 @@ void CQuickTimeVideoSource::Release()
     bitmap_.clear();
     bitmap_.shrink_to_fit();
     currentTime_ = -1;
+    slots_ = slot_ = 0;
+    repeated_ = dropped_ = 0;
 }
 
 bool CQuickTimeVideoSource::Start() { return session_.Start(); }
@@ -151,6 +157,7 @@ const DrawingContext* CQuickTimeVideoSource::GetDrawingContext() const { return 
 int CQuickTimeVideoSource::CountFrames() const
 {
     if (!movie_) return 0;
+    if (slots_ > 0) return static_cast<int>(std::min<std::int64_t>(slots_, std::numeric_limits<int>::max()));
     int count = 0;
     TimeValue t = movie_->NextInterestingTime(nextTimeMediaSample | nextTimeEdgeOK, VideoMediaType, 0, fixed1);
     while (t != -1) {
@@ -183,8 +190,53 @@ bool CQuickTimeVideoSource::CurrentPicture(AVFrame* picture)
 TimeValue CQuickTimeVideoSource::AdvanceFrame()
 {
     if (!movie_ || currentTime_ == -1) return currentTime_ = -1;
-    currentTime_ = movie_->NextInterestingTime(nextTimeMediaSample, VideoMediaType, currentTime_, 0);
+    if (slots_ == 0) {
+        currentTime_ = movie_->NextInterestingTime(nextTimeMediaSample, VideoMediaType, currentTime_, 0);
+        return currentTime_;
+    }
+    if (++slot_ >= slots_) {
+        // Samples after the last step never reach the clip.
+        dropped_ += static_cast<std::int64_t>(movie_->VideoSampleCount()) - 1 - static_cast<std::int64_t>(shownOrdinal_);
+        return currentTime_ = -1;
+    }
+    currentTime_ = SlotTime(slot_);
+    const std::size_t ordinal = movie_->OrdinalAt(currentTime_);
+    if (ordinal == shownOrdinal_)
+        ++repeated_;
+    else
+        dropped_ += static_cast<std::int64_t>(ordinal - shownOrdinal_) - 1;
+    shownOrdinal_ = ordinal;
     return currentTime_;
+}
+
+bool CQuickTimeVideoSource::ConformTo(std::int64_t timePerFrame, std::int64_t span)
+{
+    int num = 0, den = 0;
+    if (movie_) movie_->VideoTimeBase(&num, &den);
+    if (!movie_ || movie_->VideoSampleCount() == 0 || timePerFrame <= 0 || span <= 0 || num <= 0 || den <= 0)
+        return false;
+    const std::int64_t slots = (span + timePerFrame / 2) / timePerFrame;
+    if (slots <= 0) return false;
+    slots_ = slots;
+    timePerFrame_ = timePerFrame;
+    timeNum_ = num;
+    timeDen_ = den;
+    slot_ = 0;
+    repeated_ = 0;
+    currentTime_ = SlotTime(0);
+    shownOrdinal_ = movie_->OrdinalAt(currentTime_);
+    dropped_ = static_cast<std::int64_t>(shownOrdinal_);  // samples before the first step
+    return true;
+}
+
+TimeValue CQuickTimeVideoSource::SlotTime(std::int64_t slot) const
+{
+    // The last movie time strictly before the step's middle: a sample starting there is
+    // nearer this step than the next, as the graph's conform rounds a frame's time.
+    const std::int64_t middle = slot * timePerFrame_ + timePerFrame_ / 2;
+    const std::int64_t units =
+        av_rescale_rnd(middle, timeDen_, static_cast<std::int64_t>(timeNum_) * 10'000'000, AV_ROUND_UP) - 1;
+    return static_cast<TimeValue>(std::clamp<std::int64_t>(units, 0, std::numeric_limits<TimeValue>::max()));
 }
 
 // ---- audio ----

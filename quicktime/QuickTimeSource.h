@@ -80,14 +80,30 @@ public:
     // The frame at the current time as decoded, without drawing it: `picture` gets a new
     // reference to the decoder's frame. False (with LastError) when there is none.
     bool CurrentPicture(AVFrame* picture);
-    // The next video sample's time, -1 after the last one.
+    // The next video sample's time, -1 after the last one. While conforming: the next step
+    // of the grid.
     qt::TimeValue AdvanceFrame();
+
+    // Steps a movie whose frame durations vary on a constant grid instead of sample by
+    // sample: `timePerFrame` apart over `span` (100 ns units; the source's first frame's start
+    // to its last frame's end), each step showing the sample a player at that rate would show
+    // (the last one starting before the step's middle), so the picture keeps the sound's
+    // length. CountFrames then counts the grid. Starts over at the first step. False, and
+    // nothing changes, without video or with an empty grid.
+    bool ConformTo(std::int64_t timePerFrame, std::int64_t span);
+    bool Conforming() const { return slots_ > 0; }
+    std::int64_t TimePerFrame() const { return timePerFrame_; }
+    // Steps that showed the previous step's sample again, and samples no step showed (those
+    // after the last step counted once the grid has run out).
+    std::int64_t FramesRepeated() const { return repeated_; }
+    std::int64_t FramesDropped() const { return dropped_; }
 
     qt::TimeValue CurrentTime() const { return currentTime_; }
     const std::string& LastError() const { return error_; }
 
 private:
     void Release();
+    qt::TimeValue SlotTime(std::int64_t slot) const;
 
     CQuickTimeSession session_;
     std::unique_ptr<qt::Movie> movie_;
@@ -97,6 +113,15 @@ private:
     std::unique_ptr<DrawingContext> dc_;
     std::unique_ptr<qt::GWorld> gworld_;
     std::string error_;
+
+    // The conform grid; slots_ 0 while samples are stepped one by one.
+    std::int64_t slots_ = 0;
+    std::int64_t slot_ = 0;
+    std::int64_t timePerFrame_ = 0;
+    int timeNum_ = 0, timeDen_ = 0;
+    std::size_t shownOrdinal_ = 0;
+    std::int64_t repeated_ = 0;
+    std::int64_t dropped_ = 0;
 };
 
 // Describes the converted sound the output buffer holds.

@@ -61,6 +61,10 @@ struct ImportSettings {
     // HDV) is fitted by the shape it is shown in rather than by its stored pixel count, for
     // the fits that scale the whole picture.
     std::int32_t sourcePixelAspect = 0;
+    // A source whose frame rate varies is conformed to the clip's rate (frames repeated or
+    // dropped by their times) so picture and sound keep their length; 1 keeps its frames as
+    // delivered, one clip frame each, as the original conversion did.
+    std::int32_t keepVariableRateFrames = 0;
 
     bool operator==(const ImportSettings&) const = default;
 };

@@ -156,16 +156,28 @@ std::vector<Format> VideoRows()
 INSTANTIATE_TEST_SUITE_P(Formats, ConversionMatrix, ::testing::ValuesIn(VideoRows()),
                          [](const ::testing::TestParamInfo<Format>& info) { return std::string(info.param.id); });
 
-// 30 frames at 30 fps, then 30 at 15 fps, with a tone as long: conformed, the clip plays as
-// long as the source at the clip's rate, and as long as its sound.
-TEST_F(Conversion, VariableRateSourceKeepsItsLengthAtTheClipRate)
+class VariableRate : public Conversion, public ::testing::WithParamInterface<const char*> {
+protected:
+    // 30 frames at 30 fps, then 30 at 15 fps, with a tone as long; .mp4 goes through the
+    // graph, .mov through the movie route.
+    std::string MakeSource(const std::string& stem)
+    {
+        const std::string source = media / (stem + GetParam());
+        const std::string made = Ffmpeg("-f lavfi -i testsrc2=size=160x120:rate=30:duration=2 -f lavfi -i "
+                                        "sine=frequency=1000:sample_rate=48000 -vf \"setpts='if(lt(N,30),N/30,1+(N-30)/15)/TB'\" "
+                                        "-fps_mode:v passthrough -c:v libx264 -preset ultrafast -c:a aac -t 2.9667 "
+                                        "-video_track_timescale 90000 '" + source + "'");
+        return made.empty() ? source : "";
+    }
+};
+
+// Conformed, the clip plays as long as the source at the clip's rate, and as long as its
+// sound; the report names the variable rate and what conforming did.
+TEST_P(VariableRate, ConformedTheClipKeepsTheSourcesLength)
 {
     if (!HaveEncoder("libx264")) GTEST_SKIP() << "this ffmpeg has no libx264 encoder";
-    const std::string source = media / "vfr.mp4";
-    ASSERT_EQ(Ffmpeg("-f lavfi -i testsrc2=size=160x120:rate=30:duration=2 -f lavfi -i sine=frequency=1000:sample_rate=48000 "
-                     "-vf \"setpts='if(lt(N,30),N/30,1+(N-30)/15)/TB'\" -fps_mode:v passthrough -c:v libx264 -preset ultrafast "
-                     "-c:a aac -t 2.9667 -video_track_timescale 90000 '" + source + "'"),
-              "");
+    const std::string source = MakeSource("vfr");
+    ASSERT_NE(source, "");
     ASSERT_EQ(ProbeFrames(source), 60);
     const double seconds = 2.9667;
     ConvertAndCheck(source, "vfr", seconds * kClipRate, 1);
@@ -174,8 +186,7 @@ TEST_F(Conversion, VariableRateSourceKeepsItsLengthAtTheClipRate)
     const double clipSeconds = clipFrames / kClipRate;
     EXPECT_NEAR(clipSeconds, Sox(vol / "audio/vfr.wav").seconds, kClipFrame) << "picture against sound";
 
-    // The report names the variable rate and what conforming did: the frames repeated less
-    // those dropped are what the clip holds beyond the source's 60.
+    // The frames repeated less those dropped are what the clip holds beyond the source's 60.
     const ConvertReport& r = lastReport_;
     std::smatch m;
     ASSERT_TRUE(std::regex_search(r.frameRateNote, m,
@@ -188,6 +199,25 @@ TEST_F(Conversion, VariableRateSourceKeepsItsLengthAtTheClipRate)
     EXPECT_NE(std::find(r.messages.begin(), r.messages.end(), r.frameRateNote), r.messages.end())
         << "the note is among the conversion's messages";
 }
+
+// Asked to keep the frames as delivered, each source frame is one clip frame, and the report
+// says the rate varied and nothing was conformed.
+TEST_P(VariableRate, KeptAsDeliveredEveryFrameOnce)
+{
+    if (!HaveEncoder("libx264")) GTEST_SKIP() << "this ffmpeg has no libx264 encoder";
+    const std::string source = MakeSource("kept");
+    ASSERT_NE(source, "");
+    CurrentSettings().keepVariableRateFrames = 1;
+    CurrentSettings().defaultAudio = 0;
+    CConvertDlg dlg(source);
+    ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt_->Texts());
+    std::string text;
+    EXPECT_EQ(ClipFrames(vol / "video/kept.zub", &text), 60) << text;
+    EXPECT_EQ(dlg.GetReport().frameRateNote, source + ": variable frame rate, frames kept as delivered");
+}
+
+INSTANTIATE_TEST_SUITE_P(Routes, VariableRate, ::testing::Values(".mp4", ".mov"),
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param + 1); });
 
 TEST_F(Conversion, ConstantRateSourceHasNoFrameRateNote)
 {
@@ -244,10 +274,10 @@ int FlashFrame(const std::vector<double>& luma, int first)
 // and a click at 1 s and at 58 s, the sound AAC. Conformed to the clip's 29.97 fps, each
 // flash and its click are at the same instant in the clip and its WAVE, within a millisecond
 // and one frame of the clip.
-TEST_F(Conversion, FlashAndClickStayTogetherOverAMinuteOfVariableRate)
+TEST_P(VariableRate, FlashAndClickStayTogetherOverAMinute)
 {
     if (!HaveEncoder("libx264")) GTEST_SKIP() << "this ffmpeg has no libx264 encoder";
-    const std::string source = media / "sync.mp4";
+    const std::string source = media / (std::string("sync") + GetParam());
     const double at[2] = {1.0, 58.0};
     // Frame 30 of the 30 fps half is 1 s; frame 900 + 28 * 15 = 1320 is 58 s.
     ASSERT_EQ(Ffmpeg("-f lavfi -i color=c=0x404040:size=320x240:rate=30:duration=45 "

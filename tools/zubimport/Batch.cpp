@@ -59,6 +59,7 @@ JobReport RowReport(const zub::batch::BatchRow& row, const zub::batch::BatchRowR
         rep.videoRate = s.videoUncompressed ? -1 : s.videoDataRate;
     }
     if (!r.result.empty()) rep.messages.push_back(r.result);
+    rep.frameRateNote = r.frameRateNote;
     return rep;
 }
 
@@ -161,6 +162,7 @@ int RunBatchJob(const BatchArgs& a)
             if (!r.audioPath.empty()) std::printf(", %s", r.audioPath.c_str());
             if (!r.messages.empty() && r.result != "done") std::printf(": %s", r.messages.back().c_str());
             std::printf("\n");
+            if (!r.frameRateNote.empty()) std::printf("   note: %s\n", r.frameRateNote.c_str());
         }
         std::printf("result: %d of %zu rows done in %.1f s\n", done, reports.size(), seconds);
     }

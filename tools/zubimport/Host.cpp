@@ -229,6 +229,9 @@ void SettingsOptions::Add(CLI::App* app, unsigned sets)
         oUncompressed = app->add_flag("--uncompressed")->description("Uncompressed video frames");
         oRate->excludes(oUncompressed);
         oFixed = app->add_flag("--fixed-field-size")->description("Every field takes exactly its budget (24 fps film rate)");
+        oKeepFrames = app->add_flag("--keep-vfr-frames")
+                          ->description("A variable-frame-rate source keeps its frames as delivered, one clip frame "
+                                        "each, instead of being conformed to the clip's rate");
     }
     if (sets & kAlpha) {
         oAlpha = app->add_flag("--alpha")->description("Make a key (alpha) track");
@@ -284,6 +287,7 @@ void SettingsOptions::Apply(zub::ImportSettings& s) const
     }
     if (on(oUncompressed)) s.videoUncompressed = 1;
     if (on(oFixed)) s.fixedFieldSize = 1;
+    if (on(oKeepFrames)) s.keepVariableRateFrames = 1;
     if (on(oAlpha)) s.createAlpha = 1;
     if (on(oAlphaSame)) s.alphaSameAsVideo = 1;
     if (on(oAlphaRate)) {

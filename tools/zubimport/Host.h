@@ -57,7 +57,8 @@ struct SettingsOptions {
                 *oFixed = nullptr, *oAlpha = nullptr, *oAlphaSame = nullptr, *oAlphaRate = nullptr,
                 *oAlphaUncompressed = nullptr, *oAudioRate = nullptr, *oMono = nullptr, *o8bit = nullptr,
                 *oFit = nullptr, *oArea = nullptr, *oFilter = nullptr, *oSwap = nullptr, *oShift = nullptr,
-                *oFillGaps = nullptr, *oNoVideo = nullptr, *oNoAudio = nullptr, *oDva = nullptr;
+                *oFillGaps = nullptr, *oNoVideo = nullptr, *oNoAudio = nullptr, *oDva = nullptr,
+                *oKeepFrames = nullptr;
 };
 
 // Options every job takes.
