@@ -749,6 +749,8 @@ int ConvertSession::TakeFrame(const VideoSample& sample)
 // full size. -1 when the frame must be drawn instead; otherwise what TakeFrame answers.
 int ConvertSession::TakeMoviePicture()
 {
+    // A turned picture is drawn upright instead.
+    if (qtVideo_->Rotation() != 0) return -1;
     std::shared_ptr<AVFrame> picture(av_frame_alloc(), [](AVFrame* f) { av_frame_free(&f); });
     if (!picture || !qtVideo_->CurrentPicture(picture.get())) return -1;  // drawing tells why
     const AVFrame& f = *picture;

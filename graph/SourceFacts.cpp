@@ -20,6 +20,7 @@ extern "C" {
 
 #include "platform/AvError.h"
 #include "platform/AvOwner.h"
+#include "platform/AvRotation.h"
 
 namespace zub {
 namespace {
@@ -143,11 +144,7 @@ bool ReadVideoFacts(const std::string& path, VideoFacts* facts, std::string* err
     f.codec = avcodec_get_name(st->codecpar->codec_id);
     f.opAtom = IsOpAtom(fc.get());
 
-    if (const auto* m = reinterpret_cast<const std::int32_t*>(av_stream_get_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, nullptr))) {
-        // The matrix turns counter-clockwise by the angle; showing upright turns back.
-        const double angle = av_display_rotation_get(m);
-        if (!std::isnan(angle)) f.rotation = ((static_cast<int>(std::lround(-angle / 90.0)) % 4 + 4) % 4) * 90;
-    }
+    f.rotation = av::ClockwiseRotation(st);
     const AVRational sar = av_guess_sample_aspect_ratio(fc.get(), st, nullptr);
     if (sar.num > 0 && sar.den > 0) {
         AVRational r = av_make_q(sar.num, sar.den);

@@ -18,6 +18,7 @@ extern "C" {
 }
 
 #include "platform/AvError.h"
+#include "platform/AvRotation.h"
 #include "platform/Error.h"
 
 namespace zub::qt {
@@ -155,6 +156,7 @@ OSErr Movie::OpenFormat(const std::string& path, bool movieOnly, std::string* wh
         if (st->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !(st->disposition & AV_DISPOSITION_ATTACHED_PIC) &&
             st->codecpar->width > 0 && st->codecpar->height > 0) {
             videoStream_ = static_cast<int>(i);
+            rotation_ = av::ClockwiseRotation(st);
             break;
         }
     }
@@ -190,12 +192,45 @@ void Movie::BuildVideoTimes()
     }
 }
 
+namespace {
+
+// Turns a packed BGR picture `w` x `h` clockwise by `degrees` into the world's bitmap, whose
+// size is the turned one.
+void TurnInto(const std::uint8_t* src, int w, int h, int degrees, const GWorld& world)
+{
+    const std::size_t stride = static_cast<std::size_t>(w) * 3;
+    for (int r = 0; r < world.height; ++r) {
+        std::uint8_t* d = world.bits + world.stride * static_cast<std::size_t>(r);
+        for (int c = 0; c < world.width; ++c, d += 3) {
+            // The stored pixel that lands at row r, column c of the upright picture.
+            int sr = 0, sc = 0;
+            if (degrees == 90) {
+                sr = h - 1 - c;
+                sc = r;
+            } else if (degrees == 180) {
+                sr = h - 1 - r;
+                sc = w - 1 - c;
+            } else {
+                sr = c;
+                sc = w - 1 - r;
+            }
+            const std::uint8_t* s = src + stride * static_cast<std::size_t>(sr) + static_cast<std::size_t>(sc) * 3;
+            d[0] = s[0];
+            d[1] = s[1];
+            d[2] = s[2];
+        }
+    }
+}
+
+}  // namespace
+
 Rect Movie::Box() const
 {
     Rect r;
     if (format_ && videoStream_ >= 0) {
         r.right = format_->streams[videoStream_]->codecpar->width;
         r.bottom = format_->streams[videoStream_]->codecpar->height;
+        if (rotation_ == 90 || rotation_ == 270) std::swap(r.right, r.bottom);
     }
     return r;
 }
@@ -344,9 +379,13 @@ OSErr Movie::Draw(std::string* why)
     if (!DecodeOrdinal(OrdinalAt(time_), why)) return badImageDescription;
 
     const AVFrame* f = shown_.get();
-    // Drawn at the box size whatever the frame's own size, as the toolbox scales into the box.
+    // Drawn at the box size whatever the frame's own size, as the toolbox scales into the box;
+    // a turned track is drawn as stored first and then turned into the box.
+    const bool quarter = rotation_ == 90 || rotation_ == 270;
+    const int drawWidth = quarter ? world_->height : world_->width;
+    const int drawHeight = quarter ? world_->width : world_->height;
     sws_.reset(sws_getCachedContext(sws_.release(), f->width, f->height, static_cast<AVPixelFormat>(f->format),
-                                    world_->width, world_->height, AV_PIX_FMT_BGR24, SWS_BICUBIC, nullptr, nullptr,
+                                    drawWidth, drawHeight, AV_PIX_FMT_BGR24, SWS_BICUBIC, nullptr, nullptr,
                                     nullptr));
     if (!sws_) {
         Fail(why, path_ + ": cannot convert frames of pixel format " +
@@ -355,13 +394,16 @@ OSErr Movie::Draw(std::string* why)
                              : "unknown"));
         return badImageDescription;
     }
-    std::uint8_t* dst[4] = {world_->bits, nullptr, nullptr, nullptr};
-    int dstStride[4] = {static_cast<int>(world_->stride), 0, 0, 0};
+    const std::size_t drawStride = rotation_ ? static_cast<std::size_t>(drawWidth) * 3 : world_->stride;
+    if (rotation_) unturned_.resize(drawStride * static_cast<std::size_t>(drawHeight));
+    std::uint8_t* dst[4] = {rotation_ ? unturned_.data() : world_->bits, nullptr, nullptr, nullptr};
+    int dstStride[4] = {static_cast<int>(drawStride), 0, 0, 0};
     const int rows = sws_scale(sws_.get(), f->data, f->linesize, 0, f->height, dst, dstStride);
-    if (rows != world_->height) {
+    if (rows != drawHeight) {
         Fail(why, path_ + ": frame conversion failed");
         return badImageDescription;
     }
+    if (rotation_) TurnInto(unturned_.data(), drawWidth, drawHeight, rotation_, *world_);
     return noErr;
 }
 

@@ -137,7 +137,12 @@ public:
     OSErr ImportFile(const FSSpec& spec, std::string* why);
 
     const std::string& Path() const { return path_; }
+    // The picture's box as shown: a movie whose track is turned a quarter is as wide as its
+    // frames are high.
     Rect Box() const;
+    // Clockwise degrees (0, 90, 180, 270) the video track is turned when shown. Draw turns
+    // it; CurrentPicture hands out the frame as stored.
+    int Rotation() const { return rotation_; }
 
     // GetMovieNextInterestingTime for media type 'vide'; -1 when there is no such time.
     TimeValue NextInterestingTime(int flags, OSType mediaType, TimeValue time, Fixed rate) const;
@@ -193,6 +198,8 @@ private:
     std::string path_;
     std::unique_ptr<AVFormatContext, FormatCloser> format_;
     int videoStream_ = -1;
+    int rotation_ = 0;
+    std::vector<std::uint8_t> unturned_;  // a turned track's frame drawn as stored, before turning
     std::int64_t timeOffset_ = 0;          // stream timestamp of movie time 0
     std::int64_t firstStamp_ = 0;          // first index entry, where decoding starts over
     std::vector<TimeValue> videoTimes_;    // every video sample's time, ascending

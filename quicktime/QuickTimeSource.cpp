@@ -154,6 +154,8 @@ void CQuickTimeVideoSource::GetFrameSize(int& width, int& height) const
 
 const DrawingContext* CQuickTimeVideoSource::GetDrawingContext() const { return dc_.get(); }
 
+int CQuickTimeVideoSource::Rotation() const { return movie_ ? movie_->Rotation() : 0; }
+
 int CQuickTimeVideoSource::CountFrames() const
 {
     if (!movie_) return 0;

@@ -74,6 +74,8 @@ public:
     // nullptr while no bitmap exists (no movie, or a movie without video).
     const DrawingContext* GetDrawingContext() const;
     int CountFrames() const;
+    // Clockwise degrees the movie turns its picture when drawn (0 without a movie).
+    int Rotation() const;
     // Draws the frame at the current time into the bitmap; false (with LastError) when no
     // frame could be drawn.
     bool RenderCurrentFrame();

@@ -456,6 +456,92 @@ INSTANTIATE_TEST_SUITE_P(Routes, SourcePixelAspect, ::testing::Values(".dv", ".m
                              return std::string(info.param + 1);
                          });
 
+// The clip's first frame as 8-bit grey, from the PNG zubclip exports; empty when it cannot be
+// had.
+std::vector<std::uint8_t> FirstFrameGray(const std::string& clip, const std::string& folder, int* w, int* h)
+{
+    std::filesystem::create_directories(folder);
+    int status = 0;
+    test::Capture(kZubclip + " export '" + clip + "' -o '" + folder + "' --first 0 --last 0 2>&1", &status);
+    if (status != 0) return {};
+    for (const auto& e : std::filesystem::directory_iterator(folder)) {
+        ProbeSize(e.path().string(), w, h);
+        const std::string gray = test::Capture("ffmpeg -v error -i '" + e.path().string() + "' -f rawvideo -pix_fmt gray -");
+        if (*w <= 0 || *h <= 0 || gray.size() != static_cast<std::size_t>(*w) * *h) return {};
+        return std::vector<std::uint8_t>(gray.begin(), gray.end());
+    }
+    return {};
+}
+
+struct TurnCase {
+    const char* ext;
+    int degrees;
+};
+
+class TurnedSource : public Conversion, public ::testing::WithParamInterface<TurnCase> {};
+
+// A grey landscape picture stored with a white block in its top-left corner, its track marked
+// to be shown turned as a phone records it: the clip holds it upright, portrait for a
+// quarter turn, the block in the corner the turn takes it to. Through the graph (.mp4) and
+// the movie route (.mov).
+TEST_P(TurnedSource, ComesOutUpright)
+{
+    if (!HaveEncoder("libx264")) GTEST_SKIP() << "this ffmpeg has no libx264 encoder";
+    const TurnCase c = GetParam();
+    const std::string stem = "turned" + std::to_string(c.degrees);
+    const std::string source = media / (stem + c.ext);
+    ASSERT_EQ(Ffmpeg("-f lavfi -i color=c=0x808080:s=320x240:r=30:d=0.2 -vf drawbox=x=0:y=0:w=80:h=60:color=white:t=fill "
+                     "-c:v libx264 -preset ultrafast -pix_fmt yuv420p '" + source + "'"),
+              "");
+    std::string why;
+    ASSERT_TRUE(SetTrackRotation(source, c.degrees, &why)) << why;
+    CurrentSettings().fitWord = MakeFitWord(kFitAll, kAreaNormal, kResizeBiLinear);
+    CurrentSettings().videoUncompressed = 1;
+    CurrentSettings().defaultAudio = 0;
+    CConvertDlg dlg(source);
+    ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt_->Texts());
+
+    int w = 0, h = 0;
+    const std::vector<std::uint8_t> gray = FirstFrameGray(vol / ("video/" + stem + ".zub"), media / ("png-" + stem), &w, &h);
+    ASSERT_FALSE(gray.empty());
+    // The picture is what is not the black frame around it; the block is what is white.
+    int left = w, right = -1, top = h, bottom = -1;
+    double wx = 0, wy = 0, white = 0;
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x) {
+            const int v = gray[static_cast<std::size_t>(y) * w + x];
+            if (v < 60) continue;
+            left = std::min(left, x);
+            right = std::max(right, x);
+            top = std::min(top, y);
+            bottom = std::max(bottom, y);
+            if (v > 200) {
+                wx += x;
+                wy += y;
+                ++white;
+            }
+        }
+    }
+    ASSERT_GT(white, 0) << "no white block in the clip";
+    const double pw = right - left + 1, ph = bottom - top + 1;
+    if (c.degrees == 180)
+        EXPECT_GT(pw, ph) << "still landscape";
+    else
+        EXPECT_LT(pw, ph) << "a quarter turn stands the picture up";
+    // Where the block sits: 90 clockwise takes the top-left corner to the top right, 180 to the
+    // bottom right, 270 to the bottom left.
+    const bool onRight = wx / white > left + pw / 2, atBottom = wy / white > top + ph / 2;
+    EXPECT_EQ(onRight, c.degrees == 90 || c.degrees == 180) << "block at " << wx / white << "," << wy / white;
+    EXPECT_EQ(atBottom, c.degrees == 180 || c.degrees == 270) << "block at " << wx / white << "," << wy / white;
+}
+
+INSTANTIATE_TEST_SUITE_P(Routes, TurnedSource,
+                         ::testing::Values(TurnCase{".mp4", 90}, TurnCase{".mp4", 180}, TurnCase{".mp4", 270},
+                                           TurnCase{".mov", 90}, TurnCase{".mov", 180}, TurnCase{".mov", 270}),
+                         [](const ::testing::TestParamInfo<TurnCase>& info) {
+                             return std::string(info.param.ext + 1) + std::to_string(info.param.degrees);
+                         });
+
 // Six channels beside the picture reach the clip's sound as two.
 TEST_F(Conversion, SurroundSoundBesideThePictureBecomesStereo)
 {
