@@ -216,6 +216,19 @@ TEST_P(VariableRate, KeptAsDeliveredEveryFrameOnce)
     EXPECT_EQ(dlg.GetReport().frameRateNote, source + ": variable frame rate, frames kept as delivered");
 }
 
+// Probing alone already names the variable rate: settings-only ends without converting.
+TEST_P(VariableRate, NamedByTheProbe)
+{
+    if (!HaveEncoder("libx264")) GTEST_SKIP() << "this ffmpeg has no libx264 encoder";
+    const std::string source = MakeSource("probed");
+    ASSERT_NE(source, "");
+    CConvertDlg dlg(source);
+    dlg.SetSettingsOnly(1);
+    ASSERT_EQ(dlg.Modal(), 1) << ::testing::PrintToString(prompt_->Texts());
+    EXPECT_EQ(dlg.GetReport().frameRateNote, source + ": variable frame rate");
+    EXPECT_FALSE(std::filesystem::exists(vol / "video/probed.zub"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Routes, VariableRate, ::testing::Values(".mp4", ".mov"),
                          [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param + 1); });
 
