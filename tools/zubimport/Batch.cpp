@@ -189,7 +189,8 @@ CLI::App* AddBatch(CLI::App& app, JobRunner& run)
     cmd->add_option("--list", args->list, "A saved batch list to run");
     cmd->add_flag("--notify-every", args->notifyEvery, "Tell the host after every row, not only after the last");
     args->settings.Add(cmd, SettingsOptions::kDirs | SettingsOptions::kAudioDir | SettingsOptions::kVideo |
-                                SettingsOptions::kAlpha | SettingsOptions::kAudio | SettingsOptions::kFit);
+                                SettingsOptions::kAlpha | SettingsOptions::kAudio | SettingsOptions::kFit |
+                                SettingsOptions::kFrameRate);
     args->common.Add(cmd);
     run = [args] { return RunBatchJob(*args); };
     return cmd;

@@ -192,7 +192,7 @@ CLI::App* AddConvert(CLI::App& app, JobRunner& run)
     cmd->add_option("--name", args->name, "Clip name (default: the source's file name)");
     args->settings.Add(cmd, SettingsOptions::kDirs | SettingsOptions::kAudioDir | SettingsOptions::kChoices |
                                 SettingsOptions::kVideo | SettingsOptions::kAlpha | SettingsOptions::kAudio |
-                                SettingsOptions::kFit);
+                                SettingsOptions::kFit | SettingsOptions::kFrameRate);
     cmd->add_flag("--server", args->server, "The server frame path (4:2:2 frames placed as they come)");
     cmd->add_flag("--yes", args->yes, "Answer the overwrite question Yes");
     cmd->add_flag("--source-timecode", args->sourceTimecode,

@@ -229,9 +229,6 @@ void SettingsOptions::Add(CLI::App* app, unsigned sets)
         oUncompressed = app->add_flag("--uncompressed")->description("Uncompressed video frames");
         oRate->excludes(oUncompressed);
         oFixed = app->add_flag("--fixed-field-size")->description("Every field takes exactly its budget (24 fps film rate)");
-        oKeepFrames = app->add_flag("--keep-vfr-frames")
-                          ->description("A variable-frame-rate source keeps its frames as delivered, one clip frame "
-                                        "each, instead of being conformed to the clip's rate");
     }
     if (sets & kAlpha) {
         oAlpha = app->add_flag("--alpha")->description("Make a key (alpha) track");
@@ -256,6 +253,11 @@ void SettingsOptions::Add(CLI::App* app, unsigned sets)
                       ->check(CLI::IsMember({"nearest", "bilinear", "bicubic"}));
         oSwap = app->add_flag("--swap")->description("Swap the two fields' scanlines");
         oShift = app->add_flag("--shift")->description("Shift the image down one scanline");
+    }
+    if (sets & kFrameRate) {
+        oKeepFrames = app->add_flag("--keep-vfr-frames")
+                          ->description("A variable-frame-rate source keeps its frames as delivered, one clip frame "
+                                        "each, instead of being conformed to the clip's rate");
     }
     if (sets & kGaps) {
         oFillGaps = app->add_flag("--fill-gaps")->description("Hold the previous image over each missing number");

@@ -43,7 +43,8 @@ bool SaveSettingsFile(const zub::ImportSettings& s, std::string* error);
 // ---- options that override settings for one run ---------------------------------------------
 
 struct SettingsOptions {
-    enum Set : unsigned { kDirs = 1, kVideo = 2, kAlpha = 4, kAudio = 8, kFit = 16, kChoices = 32, kAudioDir = 64, kGaps = 128 };
+    enum Set : unsigned { kDirs = 1, kVideo = 2, kAlpha = 4, kAudio = 8, kFit = 16, kChoices = 32, kAudioDir = 64, kGaps = 128,
+                       kFrameRate = 256 };
     void Add(CLI::App* app, unsigned sets);
     // Checks the combinations (an empty string when they are fine) and applies them.
     std::string Validate() const;
