@@ -1,8 +1,11 @@
-// bench_convert_video_one SOURCE VOLUME: one headless conversion of SOURCE's picture into a
-// compressed 720x486 clip at 3 MB/s, bicubic, on a substitute volume, as its own process so
-// its peak memory can be read alone. Exits 0 when the conversion ended with code 1.
+// bench_convert_video_one SOURCE VOLUME [TIMES]: one headless conversion of SOURCE's picture
+// into a compressed 720x486 clip at 3 MB/s, bicubic, on a substitute volume, as its own
+// process so its peak memory can be read alone. With TIMES, the frames made and the seconds
+// from Convert to the end are written there, so the launcher can tell the conversion itself
+// from the process's start-up and probing. Exits 0 when the conversion ended with code 1.
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 
 #include "device/RecorderDevice.h"
@@ -13,8 +16,8 @@
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s SOURCE VOLUME/\n", argv[0]);
+    if (argc != 3 && argc != 4) {
+        std::fprintf(stderr, "usage: %s SOURCE VOLUME/ [TIMES]\n", argv[0]);
         return 2;
     }
     using namespace zub;
@@ -34,6 +37,11 @@ int main(int argc, char** argv)
     dlg.SetStrSettings("bench|1,0,0");
     const int code = dlg.Modal();
     std::printf("%u frames in %.3f s\n", dlg.GetReport().framesDone, dlg.GetReport().seconds);
+    if (argc == 4) {
+        std::ofstream times(argv[3], std::ios::trunc);
+        times << dlg.GetReport().framesDone << ' ' << dlg.GetReport().seconds << '\n';
+        if (!times) std::fprintf(stderr, "%s: cannot be written\n", argv[3]);
+    }
     for (const std::string& m : dlg.GetReport().messages) std::fprintf(stderr, "%s\n", m.c_str());
     TheRecorder().CloseDevice();
     return code == 1 ? 0 : 1;

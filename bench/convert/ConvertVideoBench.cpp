@@ -83,12 +83,23 @@ int Launch(std::vector<std::string> args, const std::string& peakFile, long* pea
     return rc;
 }
 
-// One conversion in its own process.
-int ConvertOne(const std::string& source, const std::string& volume, long* peakKiB, double* cpuSeconds = nullptr)
+// One conversion in its own process; `convertSeconds` is the time from Convert to the end,
+// as the conversion itself reports it (0 when it could not be read).
+int ConvertOne(const std::string& source, const std::string& volume, long* peakKiB, double* cpuSeconds = nullptr,
+               double* convertSeconds = nullptr)
 {
     std::filesystem::remove_all(volume);
     std::filesystem::create_directories(volume);
-    return Launch({ZUB_BENCH_CONVERT_ONE, source, volume + "/"}, volume + "../peak.txt", peakKiB, cpuSeconds);
+    const std::string times = volume + "../times.txt";
+    std::filesystem::remove(times);
+    const int rc = Launch({ZUB_BENCH_CONVERT_ONE, source, volume + "/", times}, volume + "../peak.txt", peakKiB, cpuSeconds);
+    if (convertSeconds) {
+        std::ifstream in(times);
+        unsigned frames = 0;
+        double seconds = 0;
+        *convertSeconds = in >> frames >> seconds ? seconds : 0;
+    }
+    return rc;
 }
 
 void SetRecorderEnvironment(const std::string& volume)
@@ -111,13 +122,13 @@ void BM_ConvertVideo(benchmark::State& state, const char* route)
     const std::string volume = s.dir / (std::string("vol-") + route) + "/";
     SetRecorderEnvironment(volume);
     const std::string src = s.paths[route];
-    double ours = 0, mjpeg = 0, decode = 0;
+    double ours = 0, mjpeg = 0, decode = 0, converting = 0;
     double oursCpu = 0, mjpegCpu = 0, decodeCpu = 0;
     const std::string peakFile = s.dir / "peer-peak.txt";
     long peak = 0;
     for (auto _ : state) {
         int rc = 0;
-        ours = Seconds([&] { return ConvertOne(src, volume, &peak, &oursCpu); }, &rc);
+        ours = Seconds([&] { return ConvertOne(src, volume, &peak, &oursCpu, &converting); }, &rc);
         if (rc != 0) {
             state.SkipWithError("the conversion failed");
             return;
@@ -144,6 +155,14 @@ void BM_ConvertVideo(benchmark::State& state, const char* route)
     state.counters["ffmpeg_decode_cpu_ms"] = decodeCpu * 1000 / frames;
     state.counters["cpu_vs_mjpeg"] = oursCpu > 0 ? mjpegCpu / oursCpu : 0;
     state.counters["peak_MiB"] = peak / 1024.0;
+    // Where the wall time goes: the process's start-up, probing and exit around the
+    // conversion, the conversion's own rate, and how many of the machine's cores the whole
+    // run kept busy on average.
+    if (converting > 0) {
+        state.counters["setup_ms"] = (ours - converting) * 1000;
+        state.counters["convert_fps"] = frames / converting;
+    }
+    state.counters["cores_busy"] = ours > 0 ? oursCpu / ours : 0;
 }
 
 void BM_ConvertPeakMemory(benchmark::State& state)
