@@ -12,6 +12,7 @@
 #include <sstream>
 #include <vector>
 
+#include "ClipWriter.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 #include "batch/BatchRun.h"
@@ -29,41 +30,6 @@ inline void UseTestVolume(const TempDir& vol)
     ::setenv("ZUBREC_VOLUME", (vol.Path().string() + "/").c_str(), 1);
     ::setenv("ZUBREC_LINES", "625", 1);
     ::setenv("ZUBREC_MONITOR", "off", 1);
-}
-
-// Writes `frames` uncompressed grey frames as a clip through the open recorder.
-inline bool WriteClip(const std::string& path, int frames)
-{
-    CRecorderDeviceInfo& rec = TheRecorder();
-    ClipSpec spec;
-    spec.path = path;
-    spec.frames = frames + 2;
-    spec.videoRate = -1;
-    spec.videoUncompressed = true;
-    ClipItems items;
-    if (rec.CreateClipItem(spec, items) != ClipStatus::Ok) return false;
-    const int w = rec.frameWidth, h = rec.frameHeight;
-    std::vector<std::uint8_t> holder(sizeof(BITMAPINFOHEADER) + std::size_t(w) * h * 4, 0x80);
-    BITMAPINFOHEADER bih{};
-    bih.biSize = sizeof bih;
-    bih.biWidth = w;
-    bih.biHeight = h;
-    bih.biPlanes = 1;
-    bih.biBitCount = 32;
-    std::memcpy(holder.data(), &bih, sizeof bih);
-    bool ok = true;
-    for (int i = 0; i < frames && ok; ++i) {
-        FrameImport f;
-        f.videoItem = items.video;
-        f.frame = i;
-        f.data = holder.data();
-        f.videoRate = -1;
-        f.videoType = VideoTypeFor(true);
-        f.alphaType = 0;
-        ok = rec.ImportFrame(f) == 1;
-    }
-    rec.ReleaseItem(items.video);
-    return ok;
 }
 
 inline std::string Slurp(const std::string& path)
