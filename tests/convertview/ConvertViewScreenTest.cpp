@@ -17,48 +17,12 @@
 
 #include "controls/ProgressBar.h"
 #include "controls/TabbedDialog.h"
+#include "tests/controls/ScreenShots.h"
 
 using namespace zub;
 using namespace zub::test;
 
 namespace {
-
-bool RealWindows()
-{
-    GuiApp();
-    return QGuiApplication::platformName() == "xcb";
-}
-
-// The screen's pixels under `rect` (global coordinates), saved and read back from the file.
-QImage Shoot(QWidget* w, const QRect& rect, const char* file)
-{
-    QTest::qWait(300);  // let the X server finish drawing
-    QImage img = w->screen()->grabWindow(0, rect.x(), rect.y(), rect.width(), rect.height()).toImage();
-    img = img.convertToFormat(QImage::Format_RGB32);
-    QDir().mkpath(ZUB_SCREENSHOT_DIR);
-    const QString path = QStringLiteral(ZUB_SCREENSHOT_DIR "/") + file;
-    EXPECT_TRUE(img.save(path, "PNG")) << path.toStdString();
-    QImage back(path);
-    EXPECT_EQ(back.size(), img.size());
-    return back.convertToFormat(QImage::Format_RGB32);
-}
-
-QImage ShootWindow(QWidget* w, const char* file)
-{
-    return Shoot(w, w->frameGeometry(), file);
-}
-
-// Share of pixels that differ from the commonest colour, and how many colours there are.
-std::pair<double, std::size_t> Variety(const QImage& img)
-{
-    std::map<QRgb, int> counts;
-    for (int y = 0; y < img.height(); ++y)
-        for (int x = 0; x < img.width(); ++x) ++counts[img.pixel(x, y)];
-    int most = 0;
-    for (auto& [c, n] : counts) most = std::max(most, n);
-    const double total = double(img.width()) * img.height();
-    return {total > 0 ? 1.0 - most / total : 0.0, counts.size()};
-}
 
 void ExpectNotBlank(const QImage& shot, const char* what)
 {

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "tests/controls/GuiApp.h"
 #include "tests/imgseq/RunTestSupport.h"
 #include "imgseq/ImageFitting.h"
 #include "imgseq/ImgSeqRun.h"
@@ -37,25 +38,9 @@
 using namespace zub;
 using namespace zub::test;
 
-namespace {
-
-QApplication& App()
-{
-    static QApplication* app = [] {
-        if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) setenv("QT_QPA_PLATFORM", "offscreen", 1);
-        static int argc = 1;
-        static char name[] = "zubtest";
-        static char* argv[] = {name, nullptr};
-        return new QApplication(argc, argv);
-    }();
-    return *app;
-}
-
-}  // namespace
-
 TEST(ImgSeqDialog, RowsFollowTheNumberedRunAndTheColumnFitsTheList)
 {
-    App();
+    GuiApp();
     Volume vol;
     ASSERT_TRUE(vol.Opened());
     auto files = MakeStills(vol.ImageDir(), "row", "tga", 5);
@@ -80,7 +65,7 @@ TEST(ImgSeqDialog, RowsFollowTheNumberedRunAndTheColumnFitsTheList)
 
 TEST(ImgSeqDialog, PreviewReloadsOnFitOrSwapButNotOnShiftAlone)
 {
-    App();
+    GuiApp();
     Volume vol;
     ASSERT_TRUE(vol.Opened());
     const auto files = MakeStills(vol.ImageDir(), "pv", "jpg", 2);
@@ -105,7 +90,7 @@ TEST(ImgSeqDialog, PreviewReloadsOnFitOrSwapButNotOnShiftAlone)
 
 TEST(ImgSeqDialog, ProfileSavedThenLoadedRestoresEveryKey)
 {
-    App();
+    GuiApp();
     Volume vol;
     ASSERT_TRUE(vol.Opened());
     ImgSeqDlg dlg;
@@ -142,7 +127,7 @@ TEST(ImgSeqDialog, ProfileSavedThenLoadedRestoresEveryKey)
 // keeps the frames made so far.
 TEST(ImgSeqDialog, BusyStateAndEscapeDuringTheRun)
 {
-    App();
+    GuiApp();
     Volume vol;
     ASSERT_TRUE(vol.Opened());
     CurrentSettings().videoUncompressed = 1;
@@ -184,7 +169,7 @@ TEST(ImgSeqDialog, BusyStateAndEscapeDuringTheRun)
 
 TEST(ImgSeqDialog, ShowImagesOnOutputOnlyWithZub)
 {
-    App();
+    GuiApp();
     for (int useZub : {1, 0}) {
         Volume vol(useZub);
         ASSERT_TRUE(vol.Opened());
@@ -218,7 +203,7 @@ void Retype(QLineEdit* e, const QString& text)
 // ids and rules); what every page holds reaches the settings on OK.
 TEST(ImgSeqDialog, SettingsDialogIsTheSequencePageThenTheSharedPages)
 {
-    App();
+    GuiApp();
     Volume vol;
     ASSERT_TRUE(vol.Opened());
     ScopedPrompter quiet(std::make_shared<ScriptedPrompt>());
@@ -280,7 +265,7 @@ TEST(ImgSeqDialog, SettingsDialogIsTheSequencePageThenTheSharedPages)
 // its message; Cancel then puts back the settings and the clip name.
 TEST(ImgSeqDialog, SettingsDialogRefusesABadRateAndCancelPutsEverythingBack)
 {
-    App();
+    GuiApp();
     Volume vol;
     ASSERT_TRUE(vol.Opened());
     auto prompt = std::make_shared<ScriptedPrompt>();
@@ -310,7 +295,7 @@ TEST(ImgSeqDialog, SettingsDialogRefusesABadRateAndCancelPutsEverythingBack)
 // into a profile, the settings changed again, the profile loaded: back as the pages left them.
 TEST(ImgSeqDialog, SettingsFromThePagesAreSavedIntoTheProfileAndLoadedBack)
 {
-    App();
+    GuiApp();
     Volume vol;
     ASSERT_TRUE(vol.Opened());
     ScopedPrompter quiet(std::make_shared<ScriptedPrompt>());
@@ -375,7 +360,7 @@ void Heard(int, void*, const char* path)
 // Under a widgets application the entry shows the dialog; a run from it reaches the host.
 TEST(ImgSeqDialog, EntryShowsTheDialogAndTellsTheHostTheClip)
 {
-    App();
+    GuiApp();
     Volume vol;
     ASSERT_TRUE(vol.Opened());
     TheRecorder().CloseDevice();
@@ -398,7 +383,7 @@ TEST(ImgSeqDialog, EntryShowsTheDialogAndTellsTheHostTheClip)
 
 TEST(ImgSeqDialog, FilesDroppedOnTheDialogBecomeRows)
 {
-    App();
+    GuiApp();
     Volume vol;
     ASSERT_TRUE(vol.Opened());
     const auto files = MakeStills(vol.ImageDir(), "drop", "jpg", 2);

@@ -10,7 +10,7 @@
 
 #include <map>
 
-#include "tests/controls/GuiApp.h"
+#include "tests/controls/ScreenShots.h"
 #include "TempDir.h"
 #include "controls/ProgressBar.h"
 #include "settings/view/SettingsViews.h"
@@ -19,47 +19,20 @@ using namespace zub;
 
 namespace {
 
-bool RealWindows()
-{
-    test::GuiApp();
-    return QGuiApplication::platformName() == "xcb";
-}
-
 QImage ScreenShot(QWidget* w, const char* file)
 {
     w->show();
     w->raise();
     w->activateWindow();
     EXPECT_TRUE(QTest::qWaitForWindowExposed(w));
-    QTest::qWait(300);  // let the X server finish drawing
-    const QRect g = w->frameGeometry();
-    QImage img = w->screen()->grabWindow(0, g.x(), g.y(), g.width(), g.height()).toImage().convertToFormat(QImage::Format_RGB32);
-    QDir().mkpath(ZUB_SCREENSHOT_DIR);
-    const QString path = QStringLiteral(ZUB_SCREENSHOT_DIR "/") + file;
-    EXPECT_TRUE(img.save(path, "PNG")) << path.toStdString();
-    // Check what was written, not what is in memory.
-    QImage back(path);
-    EXPECT_EQ(back.size(), img.size());
-    return back.convertToFormat(QImage::Format_RGB32);
-}
-
-// Share of pixels that differ from the commonest colour, and how many colours there are.
-std::pair<double, std::size_t> Variety(const QImage& img)
-{
-    std::map<QRgb, int> counts;
-    for (int y = 0; y < img.height(); ++y)
-        for (int x = 0; x < img.width(); ++x) ++counts[img.pixel(x, y)];
-    int most = 0;
-    for (auto& [c, n] : counts) most = std::max(most, n);
-    const double total = double(img.width()) * img.height();
-    return {total > 0 ? 1.0 - most / total : 0.0, counts.size()};
+    return test::ShootWindow(w, file);
 }
 
 }  // namespace
 
 TEST(RealWindow, SettingsDialogIsDrawnOnScreen)
 {
-    if (!RealWindows()) GTEST_SKIP() << "no X display: run under xvfb-run (ctest does)";
+    if (!test::RealWindows()) GTEST_SKIP() << "no X display: run under xvfb-run (ctest does)";
     test::TempDir dir;
     ImportSettings s;
     s.videoDir = dir.Path().string() + "/";
@@ -70,7 +43,7 @@ TEST(RealWindow, SettingsDialogIsDrawnOnScreen)
     const QImage shot = ScreenShot(dlg.get(), "settings_dialog.png");
     ASSERT_FALSE(shot.isNull());
     ASSERT_GE(shot.width(), 400);
-    const auto [varied, colours] = Variety(shot);
+    const auto [varied, colours] = test::Variety(shot);
     EXPECT_GT(varied, 0.02) << "the screenshot is (nearly) one colour";
     EXPECT_GT(colours, 8u);
 
@@ -85,7 +58,7 @@ TEST(RealWindow, SettingsDialogIsDrawnOnScreen)
 
 TEST(RealWindow, ProgressBarIsBlueWithItsTextOnScreen)
 {
-    if (!RealWindows()) GTEST_SKIP() << "no X display: run under xvfb-run (ctest does)";
+    if (!test::RealWindows()) GTEST_SKIP() << "no X display: run under xvfb-run (ctest does)";
     controls::ProgressBar bar;
     bar.setFixedSize(300, 24);
     bar.SetRange(0, 200);
