@@ -3,6 +3,9 @@
 #pragma once
 
 #include <QApplication>
+#include <QWidget>
+
+#include <gtest/gtest.h>
 
 #include <cstdlib>
 
@@ -18,6 +21,15 @@ inline QApplication& GuiApp()
         return new QApplication(argc, argv);
     }();
     return *app;
+}
+
+// A dialog's child by its object name; a missing one fails the test that asked.
+template <class T>
+T* Find(QWidget* root, const char* name)
+{
+    T* w = root->findChild<T*>(name);
+    EXPECT_NE(w, nullptr) << name;
+    return w;
 }
 
 }  // namespace zub::test

@@ -181,14 +181,6 @@ TEST(ImgSeqDialog, ShowImagesOnOutputOnlyWithZub)
 
 namespace {
 
-template <class T>
-T* Find(QWidget* root, const char* name)
-{
-    T* w = root->findChild<T*>(name);
-    EXPECT_NE(w, nullptr) << name;
-    return w;
-}
-
 void Retype(QLineEdit* e, const QString& text)
 {
     e->setFocus();

@@ -21,16 +21,9 @@
 
 using namespace zub;
 using namespace zub::settings;
+using zub::test::Find;
 
 namespace {
-
-template <class T>
-T* Find(QWidget* root, const char* name)
-{
-    T* w = root->findChild<T*>(name);
-    EXPECT_NE(w, nullptr) << name;
-    return w;
-}
 
 // A settings dialog shown offscreen over a private settings record whose folders exist, with
 // every message going to a scripted prompter.
