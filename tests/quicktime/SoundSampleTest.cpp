@@ -245,6 +245,17 @@ struct Records {
     int calls = 0;
 };
 
+// A sound description of uncompressed samples.
+qt::SoundComponentData Uncompressed(const char (&format)[5], int channels, int bits, unsigned rate)
+{
+    qt::SoundComponentData d{};
+    d.format = qt::MakeOSType(format);
+    d.numChannels = static_cast<decltype(d.numChannels)>(channels);
+    d.sampleSize = static_cast<decltype(d.sampleSize)>(bits);
+    d.sampleRate = rate << 16;
+    return d;
+}
+
 bool NextRecord(qt::ExtendedSoundComponentData** out, void* refCon)
 {
     auto* r = static_cast<Records*>(refCon);
@@ -269,11 +280,7 @@ bool NextRecord(qt::ExtendedSoundComponentData** out, void* refCon)
 // pairs exchanged, in whole frames, and nothing is reported that was not written.
 TEST(PassThroughSoundConverter, HandsOutEveryByteInWholeFramesWhateverTheRecordSizes)
 {
-    qt::SoundComponentData d{};
-    d.format = qt::MakeOSType("twos");
-    d.numChannels = 3;
-    d.sampleSize = 16;
-    d.sampleRate = 32000u << 16;
+    qt::SoundComponentData d = Uncompressed("twos", 3, 16, 32000);
     qt::CPassThroughSoundConverter c;
     ASSERT_EQ(c.Open(&d, &d), qt::noErr);
     ASSERT_EQ(c.BeginConversion(), qt::noErr);
@@ -314,11 +321,7 @@ TEST(PassThroughSoundConverter, HandsOutEveryByteInWholeFramesWhateverTheRecordS
 
 TEST(PassThroughSoundConverter, EightBitOffsetSoundIsPaddedWithItsOwnSilenceAndCountsBoundUnflaggedRecords)
 {
-    qt::SoundComponentData d{};
-    d.format = qt::MakeOSType("raw ");
-    d.numChannels = 2;
-    d.sampleSize = 8;
-    d.sampleRate = 22050u << 16;
+    qt::SoundComponentData d = Uncompressed("raw ", 2, 8, 22050);
     qt::CPassThroughSoundConverter c;
     ASSERT_EQ(c.Open(&d, &d), qt::noErr);
     Records src;
