@@ -30,7 +30,9 @@ namespace {
 
 constexpr int kTimerPeriodMs = 1000;
 constexpr int kScrollDelayMs = 200;
-constexpr int kEndPollMs = 50;
+// How soon the end of the streams is noticed between the once-a-second ticks: a look costs
+// a bus poll, and a conversion's last frames should not wait a twentieth of a second for it.
+constexpr int kEndPollMs = 10;
 
 // The messages of the conversion, as the user reads them.
 constexpr const char* kFiltersMissing = "ZUB Direct Show Filters are not properly installed";

@@ -87,11 +87,24 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
         return false;
     }
     const int flags = method == kResizeNearest ? SWS_POINT : method == kResizeBiLinear ? SWS_BILINEAR : SWS_BICUBIC;
-    scale_ = sws_getCachedContext(scale_, s.width, s.height, AV_PIX_FMT_YUV420P, p.width, p.height, AV_PIX_FMT_YUV422P,
-                                  flags, nullptr, nullptr, nullptr);
+    // Bilinear and bicubic go through our own plane scaler; nearest stays with libswscale,
+    // whose choice of sample the rest of the fitting code matches.
+    const bool own = method != kResizeNearest;
+    const int chromaW = (s.width + 1) / 2, chromaH = (s.height + 1) / 2, midChromaW = (p.width + 1) / 2;
+    if (own) {
+        const PlaneScaler::Kernel kernel = method == kResizeBiLinear ? PlaneScaler::Kernel::Bilinear : PlaneScaler::Kernel::Bicubic;
+        if (!planeY_.Configure(s.width, s.height, p.width, p.height, kernel) ||
+            !planeC_.Configure(chromaW, chromaH, midChromaW, p.height, kernel)) {
+            if (error) *error = "no scaler for " + std::to_string(s.width) + "x" + std::to_string(s.height);
+            return false;
+        }
+    } else {
+        scale_ = sws_getCachedContext(scale_, s.width, s.height, AV_PIX_FMT_YUV420P, p.width, p.height,
+                                      AV_PIX_FMT_YUV422P, flags, nullptr, nullptr, nullptr);
+    }
     convert_ = sws_getCachedContext(convert_, p.width, p.height, AV_PIX_FMT_YUV422P, p.width, p.height,
                                     AV_PIX_FMT_BGRA, flags, nullptr, nullptr, nullptr);
-    if (!scale_ || !convert_) {
+    if ((!own && !scale_) || !convert_) {
         if (error) *error = "no scaler for " + std::to_string(s.width) + "x" + std::to_string(s.height);
         return false;
     }
@@ -124,7 +137,11 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
     const std::uint8_t* const src[4] = {s.plane[0], s.plane[1], s.plane[2], nullptr};
     const int srcStride[4] = {static_cast<int>(s.planeStride[0]), static_cast<int>(s.planeStride[1]),
                               static_cast<int>(s.planeStride[2]), 0};
-    if (sws_scale(scale_, src, srcStride, 0, s.height, mid, midStride) != p.height) {
+    if (own) {
+        planeY_.Scale(src[0], srcStride[0], mid[0], midStride[0]);
+        planeC_.Scale(src[1], srcStride[1], mid[1], midStride[1]);
+        planeC_.Scale(src[2], srcStride[2], mid[2], midStride[2]);
+    } else if (sws_scale(scale_, src, srcStride, 0, s.height, mid, midStride) != p.height) {
         if (error) *error = "the scaler did not deliver the picture";
         return false;
     }

@@ -1,6 +1,6 @@
 // The conversion's fast frame path: when the fit is a plain scale of the whole picture placed
-// in the frame, the decoder's own 4:2:0 planes are converted and scaled into the frame holder
-// in one libswscale pass, instead of a full-size colour conversion followed by a resize.
+// in the frame, the decoder's own 4:2:0 planes are scaled and converted into the frame holder
+// without a full-size colour conversion first.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "convert/PlaneScaler.h"
 #include "graph/GraphVideoReader.h"
 #include "imgseq/ImageFitting.h"
 
@@ -28,12 +29,12 @@ struct ScaledPlacement {
 bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shift, FrameSize frame,
                          ScaledPlacement* placement);
 
-// Scales in two libswscale passes that together cost far less than one scaling pass
-// straight to 32 bits: the planes are scaled as planes to 4:2:2 at the placement's size (the
-// scaler's planar output is its fast path), then the small 4:2:2 picture is converted to
-// BGRA (an unscaled conversion with its own vector code) directly into the frame holder's
-// rows. 4:2:2 keeps every chroma line the one-pass conversion would have used, so the
-// picture is the same but for rounding.
+// Scales in two passes that together cost far less than one scaling pass straight to 32 bits:
+// the planes are scaled as planes to 4:2:2 at the placement's size (our own plane scaler for
+// bilinear and bicubic, libswscale's for nearest), then the small 4:2:2 picture is converted
+// to BGRA (libswscale's unscaled conversion, with its own vector code) directly into the frame
+// holder's rows. 4:2:2 keeps every chroma line the one-pass conversion would have used, so
+// the picture is the same but for rounding.
 class PlanarFrameScaler {
 public:
     PlanarFrameScaler();
@@ -50,7 +51,8 @@ private:
     struct AvFree {
         void operator()(std::uint8_t* p) const;
     };
-    SwsContext* scale_ = nullptr;    // source planes -> 4:2:2 planes at the placement's size
+    PlaneScaler planeY_, planeC_;    // source planes -> 4:2:2 planes at the placement's size
+    SwsContext* scale_ = nullptr;    // the same, for nearest
     SwsContext* convert_ = nullptr;  // 4:2:2 -> BGRA, same size
     std::unique_ptr<std::uint8_t, AvFree> planes_;
     std::size_t planesBytes_ = 0;
