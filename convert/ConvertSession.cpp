@@ -1381,7 +1381,10 @@ void ConvertSession::OnCancel()
 {
     if (ended_) return;
     if (videoDone_ && audioDone_) {
-        End(2);
+        // Nothing runs: close. But while the completion step finishes the files (a box about
+        // them can be on screen) a host's press would end the session as "nothing produced"
+        // beside the files being completed; the step ends the session itself.
+        if (!inActionTimer_) End(2);
         return;
     }
     const Answer a = Say(kAbortQuestion, Buttons::YesNoCancel, Icon::Question, 0, true);

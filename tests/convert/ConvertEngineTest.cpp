@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
+#include <QEventLoop>
 
 #include <sys/stat.h>
 
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <regex>
 #include <string>
@@ -685,6 +687,118 @@ TEST_F(ConvertTest, FittedFramesMatchFfmpegsOwnScale)
             }
         }
     }
+}
+
+namespace {
+
+rec::ZubApi g_noAppInfo;
+std::int32_t RefuseAppInfo(std::int32_t, const char*, const std::uint8_t*) { return rec::kZubIoError; }
+
+// Runs a session on its own event loop, as Modal does headless, with the session in reach.
+int RunSession(ConvertSession& session)
+{
+    QEventLoop loop;
+    session.onEnd = [&loop](int) { loop.exit(); };
+    session.SetHeadless(true);
+    if (!session.Init()) return session.EndCode();
+    session.Post(kEvPressConvert);
+    if (!session.Ended()) loop.exec();
+    return session.EndCode();
+}
+
+// Answers every question as told, and while one is on screen lets the event loop run as a
+// message box's own loop does, after something is posted to the session.
+class BoxWithLoop final : public IPrompt {
+public:
+    std::function<void(const std::string&)> whileShown;
+    std::vector<std::string> texts;
+    Answer answer = Answer::Ok;
+    Answer Ask(const PromptRequest& request) override
+    {
+        texts.push_back(request.text);
+        if (whileShown) whileShown(request.text);
+        return answer;
+    }
+};
+
+const char* const kConvertErrorText = "Error occurred during conversion.\r\nDo you want to discard the media file ?";
+
+}  // namespace
+
+TEST_F(ConvertTest, AnErrorOrAbortWhileTheFinishingStepShowsABoxWaitsAndChangesNothing)
+{
+    // The rate record cannot be stored, so finishing shows its box; meanwhile a conversion
+    // error and a press of Abort arrive. Neither may ask anything or undo the finished files.
+    Open();
+    const rec::ZubApi* real = ZubBackend();
+    ASSERT_NE(real, nullptr);
+    g_noAppInfo = *real;
+    g_noAppInfo.ZubDdrSetFileAppInfo = &RefuseAppInfo;
+    struct Restore {
+        ~Restore() { SetZubBackendForTesting(nullptr); }
+    } restore;
+    SetZubBackendForTesting(&g_noAppInfo);
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.frames = 10;
+    const std::string src = Make("boxed.mp4", spec);
+
+    int argc = 1;
+    char name[] = "test";
+    char* argv[] = {name, nullptr};
+    QCoreApplication app(argc, argv);
+    auto box = std::make_shared<BoxWithLoop>();
+    ScopedPrompter use(box);
+    CConvertDlg dlg(src);
+    ConvertSession session(dlg);
+    box->whileShown = [&](const std::string&) {
+        session.Post(kEvConvertError);
+        session.Post(kEvPressAbort);
+        QCoreApplication::processEvents();
+    };
+    EXPECT_EQ(RunSession(session), 1);
+    EXPECT_EQ(box->texts, std::vector<std::string>{"Failed to store video rate in file"});
+    const ClipInfo info = ReadClip(vol / "video/boxed.zub");
+    EXPECT_EQ(info.framesVideo, 10) << info.text;
+    EXPECT_EQ(info.zubvSectors, -1);
+    EXPECT_NEAR(Sox(vol / "audio/boxed.wav").seconds, 10 / 30.0, 0.05);
+}
+
+TEST_F(ConvertTest, AnErrorArrivingDuringTheCompletionStepIsAskedByTheNextTick)
+{
+    // A host that keeps its window alive from the progress callback lets events run inside
+    // the once-a-second step. An error message arriving then is held, and the step posts it
+    // again once it has looked at the streams: the question comes after the step, not inside.
+    setenv("ZUBREC_WRITE_DELAY", "40", 1);
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.frames = 90;
+    const std::string src = Make("late.mp4", spec);
+
+    int argc = 1;
+    char name[] = "test";
+    char* argv[] = {name, nullptr};
+    QCoreApplication app(argc, argv);
+    CConvertDlg dlg(src);
+    ConvertSession session(dlg);
+    bool posted = false, askedInside = false;
+    prompt->Push(Answer::Yes);
+    dlg.SetProgressCallback([&](const ConvertProgress& p) {
+        if (posted || !p.converting || p.framesDone < 3) return;
+        posted = true;
+        session.Post(kEvConvertError);  // as the window message arrives, from whoever posts it
+        QCoreApplication::processEvents();
+        askedInside = !prompt->Texts().empty();
+    });
+    const int code = RunSession(session);
+    unsetenv("ZUBREC_WRITE_DELAY");
+    ASSERT_TRUE(posted);
+    EXPECT_FALSE(askedInside);
+    EXPECT_EQ(prompt->Texts(), std::vector<std::string>{kConvertErrorText});
+    EXPECT_EQ(code, 2);  // Yes: discarded
+    EXPECT_FALSE(std::filesystem::exists(vol / "video/late.zub"));
+    EXPECT_FALSE(std::filesystem::exists(vol / "audio/late.wav"));
 }
 
 TEST_F(ConvertTest, CancelBeforeConvertClosesWithoutAQuestion)
