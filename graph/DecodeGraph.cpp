@@ -94,6 +94,22 @@ std::string DecodeGraph::Error() const
     return error_;
 }
 
+namespace {
+
+// True when some demuxer takes these caps in. The list of demuxers is read from the registry
+// once; the filter runs per stream, which is a handful of caps checks.
+bool IsContainer(GstCaps* caps)
+{
+    static GList* const demuxers = gst_element_factory_list_get_elements(GST_ELEMENT_FACTORY_TYPE_DEMUXER,
+                                                                         GST_RANK_MARGINAL);
+    GList* taking = gst_element_factory_list_filter(demuxers, caps, GST_PAD_SINK, FALSE);
+    const bool any = taking != nullptr;
+    gst_plugin_feature_list_free(taking);
+    return any;
+}
+
+}  // namespace
+
 bool DecodeGraph::Wanted(const char* mediaType) const
 {
     if (kind_ == StreamKind::Audio) return std::strncmp(mediaType, "audio/", 6) == 0;
@@ -188,18 +204,17 @@ void DecodeGraph::OnPadAdded(GstElement* decodebin, GstPad* pad, gpointer data)
     if (rc != GST_PAD_LINK_OK) self->SetError(std::string("cannot link the decoded stream: ") + gst_pad_link_get_name(rc));
 }
 
-gboolean DecodeGraph::OnAutoplugContinue(GstElement*, GstPad* pad, GstCaps* caps, gpointer data)
+gboolean DecodeGraph::OnAutoplugContinue(GstElement*, GstPad*, GstCaps* caps, gpointer data)
 {
     auto* self = static_cast<DecodeGraph*>(data);
     const CallbackMark mark;
     if (self->Wanted(MediaTypeOf(caps))) return TRUE;
-    // A stream of the other kind straight out of a demuxer is left undecoded; anything else
-    // (the file itself, a container inside a container) is still unpacked.
-    Ref<GstElement> parent(gst_pad_get_parent_element(pad));
-    if (!parent) return TRUE;
-    GstElementFactory* factory = gst_element_get_factory(parent.get());
-    const gchar* klass = factory ? gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS) : nullptr;
-    return !(klass && std::strstr(klass, "Demux"));
+    // A stream of the other kind is left undecoded (and parked); only what some demuxer takes
+    // in (the file itself, a container inside a container, a DV stream holding both) is still
+    // unpacked. The decoder bin names neither the stream's demuxer nor any element here (the
+    // pad it offers is its own, not yet placed), so the caps decide. Decoding the picture in
+    // the sound's graph, or the reverse, costs a whole decoder for nothing.
+    return IsContainer(caps) ? TRUE : FALSE;
 }
 
 void DecodeGraph::OnUnknownType(GstElement*, GstPad*, GstCaps* caps, gpointer data)

@@ -14,9 +14,11 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "graph/DecodeGraph.h"
 #include "graph/GraphAudioReader.h"
 #include "graph/GraphVideoReader.h"
 #include "TempDir.h"
@@ -217,6 +219,55 @@ TEST_F(Media, SinkReturningZeroStopsTheGraph)
     }
     reader.Stop();
     EXPECT_EQ(reader.FramesDelivered(), 10);
+}
+
+namespace {
+
+// The decoders inside a prerolled graph, by their class ("Codec/Decoder/Video" ...), the
+// decoder bin itself not counted.
+std::vector<std::string> DecoderClasses(const std::string& path, zub::gst::StreamKind kind)
+{
+    zub::gst::DecodeGraph graph;
+    std::string error;
+    const bool built = graph.Build(path, kind, [](GstBin* bin, GstCaps*, std::string*) {
+        GstElement* sink = gst_element_factory_make("fakesink", nullptr);
+        g_object_set(sink, "sync", FALSE, nullptr);
+        gst_bin_add(bin, sink);
+        gst_element_sync_state_with_parent(sink);
+        return sink;
+    }, &error);
+    EXPECT_TRUE(built && graph.Preroll(&error)) << error;
+    std::vector<std::string> classes;
+    GstIterator* it = gst_bin_iterate_recurse(GST_BIN(graph.Pipeline()));
+    GValue item = G_VALUE_INIT;
+    while (gst_iterator_next(it, &item) == GST_ITERATOR_OK) {
+        GstElementFactory* factory = gst_element_get_factory(GST_ELEMENT(g_value_get_object(&item)));
+        const gchar* klass = factory ? gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS) : nullptr;
+        if (klass && std::strstr(klass, "Codec/Decoder")) classes.emplace_back(klass);
+        g_value_reset(&item);
+    }
+    g_value_unset(&item);
+    gst_iterator_free(it);
+    graph.Shutdown();
+    return classes;
+}
+
+}  // namespace
+
+TEST_F(Media, EachGraphDecodesOnlyItsOwnKindOfStream)
+{
+    // The sound's graph must not decode the picture into a parked sink (a whole decoder's
+    // work for nothing, and a decoder that could be caught draining when the probe's graph
+    // goes down), nor the picture's graph the sound.
+    for (const char* preset : {"mp4_h264_aac", "mkv_h264_vorbis", "mpg_mpeg2_mp2"}) {
+        SCOPED_TRACE(preset);
+        const auto sound = DecoderClasses(File(preset), zub::gst::StreamKind::Audio);
+        ASSERT_EQ(sound.size(), 1u) << ::testing::PrintToString(sound);
+        EXPECT_NE(sound[0].find("Audio"), std::string::npos) << sound[0];
+        const auto picture = DecoderClasses(File(preset), zub::gst::StreamKind::Video);
+        ASSERT_EQ(picture.size(), 1u) << ::testing::PrintToString(picture);
+        EXPECT_NE(picture[0].find("Video"), std::string::npos) << picture[0];
+    }
 }
 
 TEST_F(Media, RowsArePaddedLikeBitmapRows)
