@@ -594,10 +594,9 @@ void ConvertSession::OnConvert()
         if (graphVideo_) {
             accepted_ = 0;
             if (!dlg_.serverMode_ && !sourceAlpha_) {
-                // A plain scale takes the decoder's planes, as the source was opened; any other
-                // fit takes 24-bit rows, for which it is opened again.
-                planar_ = !std::getenv("ZUBIMPORT_CONVERT_PACKED") &&
-                          PlainScalePlacement(fitWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
+                // A plain scale or a crop takes the decoder's planes, as the source was opened;
+                // any other fit takes 24-bit rows, for which it is opened again.
+                planar_ = !std::getenv("ZUBIMPORT_CONVERT_PACKED") && PlanarPlacement();
                 if (planar_ != graphVideo_->PlanarOutput()) {
                     graphVideo_->SetPlanarOutput(planar_);
                     std::string why;
@@ -619,9 +618,9 @@ void ConvertSession::OnConvert()
             }
         } else {
             accepted_ = 0;
-            // A plain scale takes the movie decoder's own planes instead of a drawn picture.
-            planar_ = !std::getenv("ZUBIMPORT_CONVERT_PACKED") &&
-                      PlainScalePlacement(fitWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
+            // A plain scale or a crop takes the movie decoder's own planes instead of a drawn
+            // picture.
+            planar_ = !std::getenv("ZUBIMPORT_CONVERT_PACKED") && PlanarPlacement();
             StartPipeline();
             qtVideoFinished_ = 0;
             Post(kEvConvertFrame);
@@ -900,6 +899,13 @@ void ConvertSession::ImportWorker()
         if (!errorFlag_) ImportPacked(job->holder, job->index);
         FinishJob(std::move(job));
     }
+}
+
+bool ConvertSession::PlanarPlacement()
+{
+    // A plain scale fits the picture by its shown shape; a crop places the stored pixels.
+    return PlainScalePlacement(fitWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_) ||
+           CropPlacement(sourceWidth_, sourceHeight_, fitWord_, swap_, shift_, frame_, &placement_);
 }
 
 bool ConvertSession::FitAndPack(Image& image, FrameHolder& holder)

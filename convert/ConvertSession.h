@@ -130,6 +130,7 @@ private:
     int TakeFrame(const VideoSample& sample);
     int TakeMoviePicture();
     bool FitAndPack(Image& image, FrameHolder& holder);
+    bool PlanarPlacement();  // sets placement_; false when the fit needs the general path
     int ImportPacked(const FrameHolder& holder, unsigned index);
     FrameImport ImportRecord(unsigned index, const void* data, FrameSource source) const;
 

@@ -24,6 +24,18 @@ int Scaled(std::int64_t a, std::int64_t b, std::int64_t c)
     return static_cast<int>(std::clamp<std::int64_t>(a * b / c, 1, 32768));
 }
 
+// The margins of the fit's area; false for an area the fitting refuses.
+bool Margins(int area, FrameSize frame, int* mx, int* my)
+{
+    const int W = frame.width, H = frame.height;
+    switch (area) {
+    case kAreaNormal: *mx = *my = 0; return true;
+    case kAreaSafeTitle: *mx = (W * 10 + 50) / 100; *my = (H * 10 + 50) / 100; return true;
+    case kAreaSafeImage: *mx = (W * 5 + 50) / 100; *my = (H * 5 + 50) / 100; return true;
+    default: return false;
+    }
+}
+
 }  // namespace
 
 bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shift, FrameSize frame,
@@ -32,15 +44,9 @@ bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shi
     if (swap || shift || w <= 0 || h <= 0 || frame.width <= 0 || frame.height <= 0) return false;
     const FitWordParts fit = SplitFitWord(fitWord);
     if (fit.method < kResizeNearest || fit.method > kResizeBiCubic) return false;
-    const int W = frame.width, H = frame.height;
     int mx = 0, my = 0;
-    switch (fit.area) {
-    case kAreaNormal: break;
-    case kAreaSafeTitle: mx = (W * 10 + 50) / 100; my = (H * 10 + 50) / 100; break;
-    case kAreaSafeImage: mx = (W * 5 + 50) / 100; my = (H * 5 + 50) / 100; break;
-    default: return false;
-    }
-    const int Tw = W - 2 * mx, Th = H - 2 * my;
+    if (!Margins(fit.area, frame, &mx, &my)) return false;
+    const int Tw = frame.width - 2 * mx, Th = frame.height - 2 * my;
     int mode = fit.mode;
     if (w == Tw && h == Th) mode = kFitStretchAll;  // nothing to fit: the picture as it is
     if (mode == kFitAll) mode = MulDivRound(w, Th, h) > Tw ? kFitWidth : kFitHeight;
@@ -59,6 +65,38 @@ bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shi
     out->height = nh;
     out->left = mx - (nw - Tw) / 2;
     out->top = my - (nh - Th) / 2;
+    out->crop = false;
+    return true;
+}
+
+bool CropPlacement(int w, int h, std::int32_t fitWord, bool swap, bool shift, FrameSize frame, ScaledPlacement* out)
+{
+    if (swap || shift || w <= 0 || h <= 0 || frame.width <= 0 || frame.height <= 0) return false;
+    const FitWordParts fit = SplitFitWord(fitWord);
+    int mx = 0, my = 0;
+    if (!Margins(fit.area, frame, &mx, &my)) return false;
+    const int Tw = frame.width - 2 * mx, Th = frame.height - 2 * my;
+    // The corner of the target-sized window on the picture (negative: the picture is smaller
+    // and sits inside an empty canvas), as the fitting crops.
+    int cx = 0, cy = 0;
+    switch (fit.mode) {
+    case kFitCenter: cx = (w - Tw) / 2; cy = (h - Th) / 2; break;
+    case kFitUpperLeft: break;
+    case kFitUpperRight: cx = w - Tw; break;
+    case kFitLowerLeft: cy = h - Th; break;
+    case kFitLowerRight: cx = w - Tw; cy = h - Th; break;
+    default: return false;
+    }
+    const int x0 = std::max(cx, 0), y0 = std::max(cy, 0);
+    const int x1 = std::min(cx + Tw, w), y1 = std::min(cy + Th, h);
+    if (x1 <= x0 || y1 <= y0) return false;
+    out->crop = true;
+    out->srcX = x0;
+    out->srcY = y0;
+    out->width = x1 - x0;
+    out->height = y1 - y0;
+    out->left = mx + x0 - cx;
+    out->top = my + y0 - cy;
     return true;
 }
 
@@ -70,6 +108,81 @@ PlanarFrameScaler::~PlanarFrameScaler()
 {
     sws_freeContext(scale_);
     sws_freeContext(convert_);
+    sws_freeContext(crop_);
+}
+
+bool PlanarFrameScaler::Holder(FrameSize frame, FrameHolder& holder, std::string* error)
+{
+    if (holder.Empty() || holder.Header()->biWidth != frame.width || holder.Header()->biHeight != frame.height) {
+        if (!holder.Allocate(frame.width, frame.height)) {
+            if (error) *error = "no memory for the frame";
+            return false;
+        }
+    }
+    return true;
+}
+
+void PlanarFrameScaler::ClearAround(const ScaledPlacement& p, FrameSize frame, FrameHolder& holder)
+{
+    // The canvas around the picture is empty: the rows above and below it, and either side.
+    const std::size_t frameRow = static_cast<std::size_t>(frame.width) * 4;
+    std::uint8_t* pixels = holder.Pixels();
+    for (int fy = 0; fy < frame.height; ++fy) {
+        std::uint8_t* row = pixels + frameRow * static_cast<std::size_t>(frame.height - 1 - fy);
+        if (fy < p.top || fy >= p.top + p.height) {
+            std::memset(row, 0, frameRow);
+            continue;
+        }
+        std::memset(row, 0, static_cast<std::size_t>(p.left) * 4);
+        const std::size_t right = static_cast<std::size_t>(p.left + p.width) * 4;
+        std::memset(row + right, 0, frameRow - right);
+    }
+}
+
+bool PlanarFrameScaler::Crop(const VideoSample& s, const ScaledPlacement& p, FrameSize frame, FrameHolder& holder,
+                             std::string* error)
+{
+    if (p.srcX < 0 || p.srcY < 0 || p.srcX + p.width > s.width || p.srcY + p.height > s.height) {
+        if (error) *error = "the crop lies outside the " + std::to_string(s.width) + "x" + std::to_string(s.height) + " picture";
+        return false;
+    }
+    // Only the part that shows is converted, from a corner on whole chroma samples (even rows,
+    // and columns on a 32-byte boundary so every plane's rows start aligned), so each pixel
+    // gets the chroma it has in the whole picture. The width is rounded up to the converter's
+    // 8-pixel step where the picture allows.
+    const int ex = p.srcX & ~31, ey = p.srcY & ~1;
+    const int rw = std::min((p.srcX + p.width - ex + 7) & ~7, s.width - ex);
+    const int rh = p.srcY + p.height - ey;
+    crop_ = sws_getCachedContext(crop_, rw, rh, AV_PIX_FMT_YUV420P, rw, rh, AV_PIX_FMT_BGRA, SWS_POINT, nullptr,
+                                 nullptr, nullptr);
+    if (!crop_) {
+        if (error) *error = "no converter for " + std::to_string(rw) + "x" + std::to_string(rh);
+        return false;
+    }
+    const int space = s.height >= 720 ? SWS_CS_ITU709 : SWS_CS_ITU601;
+    sws_setColorspaceDetails(crop_, sws_getCoefficients(space), 0, sws_getCoefficients(space), 1, 0, 1 << 16, 1 << 16);
+    const int stride = (rw * 4 + 63) / 64 * 64;
+    cropped_.resize(static_cast<std::size_t>(stride) * rh);
+    const std::uint8_t* const src[4] = {s.plane[0] + s.planeStride[0] * ey + ex,
+                                        s.plane[1] + s.planeStride[1] * (ey / 2) + ex / 2,
+                                        s.plane[2] + s.planeStride[2] * (ey / 2) + ex / 2, nullptr};
+    const int srcStride[4] = {static_cast<int>(s.planeStride[0]), static_cast<int>(s.planeStride[1]),
+                              static_cast<int>(s.planeStride[2]), 0};
+    std::uint8_t* dst[4] = {cropped_.data(), nullptr, nullptr, nullptr};
+    const int dstStride[4] = {stride, 0, 0, 0};
+    if (sws_scale(crop_, src, srcStride, 0, rh, dst, dstStride) != rh) {
+        if (error) *error = "the colour conversion did not deliver the picture";
+        return false;
+    }
+    if (!Holder(frame, holder, error)) return false;
+    const std::size_t frameRow = static_cast<std::size_t>(frame.width) * 4;
+    std::uint8_t* pixels = holder.Pixels();
+    for (int r = 0; r < p.height; ++r)
+        std::memcpy(pixels + frameRow * static_cast<std::size_t>(frame.height - 1 - p.top - r) + static_cast<std::size_t>(p.left) * 4,
+                    cropped_.data() + static_cast<std::size_t>(stride) * (p.srcY - ey + r) + static_cast<std::size_t>(p.srcX - ex) * 4,
+                    static_cast<std::size_t>(p.width) * 4);
+    ClearAround(p, frame, holder);
+    return true;
 }
 
 bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, int method, FrameSize frame,
@@ -86,6 +199,7 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
                      std::to_string(frame.width) + "x" + std::to_string(frame.height) + " frame";
         return false;
     }
+    if (p.crop) return Crop(s, p, frame, holder, error);
     const int flags = method == kResizeNearest ? SWS_POINT : method == kResizeBiLinear ? SWS_BILINEAR : SWS_BICUBIC;
     // Bilinear and bicubic go through our own plane scaler; nearest stays with libswscale,
     // whose choice of sample the rest of the fitting code matches.
@@ -146,12 +260,7 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
         return false;
     }
 
-    if (holder.Empty() || holder.Header()->biWidth != frame.width || holder.Header()->biHeight != frame.height) {
-        if (!holder.Allocate(frame.width, frame.height)) {
-            if (error) *error = "no memory for the frame";
-            return false;
-        }
-    }
+    if (!Holder(frame, holder, error)) return false;
     // The holder's rows run bottom-up: the picture's top row is the holder's row H-1-top, and
     // each row below it lies one row earlier in memory.
     const std::size_t frameRow = static_cast<std::size_t>(frame.width) * 4;
@@ -165,17 +274,7 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
         if (error) *error = "the colour conversion did not deliver the picture";
         return false;
     }
-    // The canvas around the picture is empty: the rows above and below it, and either side.
-    for (int fy = 0; fy < frame.height; ++fy) {
-        std::uint8_t* row = pixels + frameRow * static_cast<std::size_t>(frame.height - 1 - fy);
-        if (fy < p.top || fy >= p.top + p.height) {
-            std::memset(row, 0, frameRow);
-            continue;
-        }
-        std::memset(row, 0, static_cast<std::size_t>(p.left) * 4);
-        const std::size_t right = static_cast<std::size_t>(p.left + p.width) * 4;
-        std::memset(row + right, 0, frameRow - right);
-    }
+    ClearAround(p, frame, holder);
     return true;
 }
 

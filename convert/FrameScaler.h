@@ -1,6 +1,6 @@
 // The conversion's fast frame path: when the fit is a plain scale of the whole picture placed
-// in the frame, the decoder's own 4:2:0 planes are scaled and converted into the frame holder
-// without a full-size colour conversion first.
+// in the frame, or a crop of it, the decoder's own 4:2:0 planes are scaled (or cut) and
+// converted into the frame holder without a full-size colour conversion first.
 #pragma once
 
 #include <cstdint>
@@ -21,6 +21,10 @@ namespace zub {
 struct ScaledPlacement {
     int width = 0, height = 0;
     int left = 0, top = 0;
+    // A crop places stored pixels as they are: the width x height rectangle of the source at
+    // (srcX, srcY), unscaled.
+    bool crop = false;
+    int srcX = 0, srcY = 0;
 };
 
 // True when fitting a w x h picture with this fit word is a plain scale that keeps all of the
@@ -28,6 +32,10 @@ struct ScaledPlacement {
 // scaled side would be cut, or when swap or shift asks for field work.
 bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shift, FrameSize frame,
                          ScaledPlacement* placement);
+// The same for the cropping modes (Center and the four corners): the part of the picture
+// that shows, and where. False for the other modes, or when nothing of the picture shows.
+bool CropPlacement(int w, int h, std::int32_t fitWord, bool swap, bool shift, FrameSize frame,
+                   ScaledPlacement* placement);
 
 // Scales in two passes that together cost far less than one scaling pass straight to 32 bits:
 // the planes are scaled as planes to 4:2:2 at the placement's size (our own plane scaler for
@@ -54,6 +62,13 @@ private:
     PlaneScaler planeY_, planeC_;    // source planes -> 4:2:2 planes at the placement's size
     SwsContext* scale_ = nullptr;    // the same, for nearest
     SwsContext* convert_ = nullptr;  // 4:2:2 -> BGRA, same size
+    SwsContext* crop_ = nullptr;     // 4:2:0 -> BGRA, unscaled, for the crops
+    std::vector<std::uint8_t> cropped_;
+
+    bool Crop(const VideoSample& sample, const ScaledPlacement& placement, FrameSize frame, FrameHolder& holder,
+              std::string* error);
+    bool Holder(FrameSize frame, FrameHolder& holder, std::string* error);
+    void ClearAround(const ScaledPlacement& placement, FrameSize frame, FrameHolder& holder);
     std::unique_ptr<std::uint8_t, AvFree> planes_;
     std::size_t planesBytes_ = 0;
     int convertSpace_ = -1;

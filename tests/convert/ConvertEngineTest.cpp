@@ -532,32 +532,51 @@ TEST_F(ConvertTest, AbortDuringASlowFrameIsCarriedOutAfterIt)
     EXPECT_EQ(ReadNumbers(clip, vol / "slowpng"), Sequence(info.framesVideo));
 }
 
-TEST_F(ConvertTest, PlainScalePlacementMatchesTheFittingCode)
+TEST_F(ConvertTest, FastPathPlacementsMatchTheFittingCode)
 {
     // Where the fast path puts the picture must be where the fitting code puts it: fit a
-    // white picture and find its box, for every mode the fast path takes and a few shapes.
+    // picture and find its box (and, for a crop, which of its pixels lands in the corner), for
+    // every mode the fast path takes and a few shapes.
     const FrameSize frame{720, 486};
-    const int modes[] = {kFitStretchAll, kFitAll, kFitHeight, kFitWidth, kFitStretchHeight, kFitStretchWidth,
-                         kFitCenter};
-    const int sizes[][2] = {{1920, 1080}, {320, 240}, {720, 486}, {640, 480}, {300, 1000}};
-    int taken = 0;
+    const int modes[] = {kFitStretchAll, kFitAll,    kFitHeight,    kFitWidth,     kFitStretchHeight, kFitStretchWidth,
+                         kFitCenter,     kFitUpperLeft, kFitUpperRight, kFitLowerLeft, kFitLowerRight};
+    const int sizes[][2] = {{1920, 1080}, {1921, 1081}, {320, 240}, {720, 486}, {640, 480}, {300, 1000}};
+    int taken = 0, cropped = 0;
     for (int area : {kAreaNormal, kAreaSafeTitle, kAreaSafeImage}) {
         for (int mode : modes) {
             for (const auto& sz : sizes) {
                 const std::int32_t word = MakeFitWord(mode, area, kResizeNearest);
                 ScaledPlacement p;
-                if (!PlainScalePlacement(sz[0], sz[1], word, false, false, frame, &p)) {
-                    EXPECT_TRUE(mode == kFitCenter || mode == kFitHeight || mode == kFitWidth ||
-                                mode == kFitStretchHeight || mode == kFitStretchWidth)
+                if (!PlainScalePlacement(sz[0], sz[1], word, false, false, frame, &p) &&
+                    !CropPlacement(sz[0], sz[1], word, false, false, frame, &p)) {
+                    // Scaled, then cut: the general path's.
+                    EXPECT_TRUE(mode == kFitHeight || mode == kFitWidth || mode == kFitStretchHeight ||
+                                mode == kFitStretchWidth)
                         << "mode " << mode << " " << sz[0] << "x" << sz[1];
                     continue;
                 }
                 ++taken;
+                cropped += p.crop;
+                // Mark the picture's own pixels by position, so the crop's source corner is
+                // checked too, not only the box it lands in.
                 Image img;
                 ASSERT_TRUE(img.Allocate(sz[0], sz[1], 32));
-                for (int y = 0; y < sz[1]; ++y) std::memset(img.Row(y), 255, std::size_t(sz[0]) * 4);
+                for (int y = 0; y < sz[1]; ++y)
+                    for (int x = 0; x < sz[0]; ++x) {
+                        std::uint8_t* px = img.Row(y) + x * 4;
+                        px[0] = static_cast<std::uint8_t>(x);
+                        px[1] = static_cast<std::uint8_t>(y);
+                        px[2] = static_cast<std::uint8_t>((x >> 8) | (y >> 8) << 4);
+                        px[3] = 255;
+                    }
                 std::string why;
                 ASSERT_TRUE(FitImage(img, word, frame, &why)) << why;
+                if (p.crop) {
+                    const std::uint8_t* corner = img.Row(p.top) + p.left * 4;
+                    EXPECT_EQ(corner[0], static_cast<std::uint8_t>(p.srcX));
+                    EXPECT_EQ(corner[1], static_cast<std::uint8_t>(p.srcY));
+                    EXPECT_EQ(corner[2], static_cast<std::uint8_t>((p.srcX >> 8) | (p.srcY >> 8) << 4));
+                }
                 ASSERT_EQ(img.Width(), 720);
                 ASSERT_EQ(img.Height(), 486);
                 int left = 720, top = 486, right = -1, bottom = -1;
@@ -579,7 +598,63 @@ TEST_F(ConvertTest, PlainScalePlacementMatchesTheFittingCode)
         }
     }
     EXPECT_GT(taken, 20);
+    EXPECT_GT(cropped, 20);
     EXPECT_FALSE(PlainScalePlacement(1920, 1080, MakeFitWord(kFitAll, kAreaNormal, 2), true, false, frame, nullptr));
+}
+
+TEST_F(ConvertTest, CropsThroughThePlanesGiveThePackedPathsPicture)
+{
+    // The cropping fits take the decoder's planes too. A picture larger than the frame, cut
+    // at an odd row (Center, Normal: 57) and at the corner, and the default fit (Center, Safe
+    // Title, Nearest), must come out as the general path makes it from full-size 24-bit rows.
+    Open();
+    gen::MediaSpec spec;
+    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+    spec.audio = gen::AudioCodec::None;
+    spec.width = 800;
+    spec.height = 600;
+    spec.frames = 4;
+    const std::vector<std::string> sources{Make("crops.mp4", spec), Make("crops.mov", spec)};
+    const std::int32_t words[] = {MakeFitWord(kFitCenter, kAreaNormal, kResizeNearest),
+                                  MakeFitWord(kFitLowerRight, kAreaSafeImage, kResizeBiCubic), 0};
+    for (std::size_t k = 0; k < 2 * std::size(words); ++k) {
+        const std::string& src = sources[k / std::size(words)];
+        const std::int32_t word = words[k % std::size(words)];
+        SCOPED_TRACE(src + ", fit word " + std::to_string(word));
+        CurrentSettings().fitWord = word;
+        std::vector<std::string> pictures;
+        for (bool packed : {false, true}) {
+            if (packed) setenv("ZUBIMPORT_CONVERT_PACKED", "1", 1);
+            const std::string name = std::string(packed ? "packed" : "planar") + std::to_string(word) +
+                                     std::filesystem::path(src).extension().string().substr(1);
+            CConvertDlg dlg(src);
+            dlg.SetStrSettings(name.c_str());
+            EXPECT_EQ(dlg.Modal(), 1);
+            unsetenv("ZUBIMPORT_CONVERT_PACKED");
+            const std::string clip = vol / ("video/" + name + ".zub");
+            EXPECT_EQ(ReadClip(clip).framesVideo, 4);
+            const std::string dir = vol / ("png" + name);
+            std::filesystem::create_directories(dir);
+            int status = -1;
+            Capture(kZubclip + " export " + Sh(clip) + " -o " + Sh(dir) + " >/dev/null 2>&1", &status);
+            ASSERT_EQ(status, 0);
+            pictures.push_back(Capture("ffmpeg -v error -i " + Sh(dir + "/" + name + "-frame-000003.png") +
+                                       " -f rawvideo -pix_fmt rgb24 -"));
+        }
+        ASSERT_EQ(pictures[0].size(), 720u * 486u * 3u);
+        ASSERT_EQ(pictures[1].size(), pictures[0].size());
+        // Unscaled, the two differ only by their colour conversions' rounding and chroma
+        // filters; a crop one row or column off moves every edge of the coded digits.
+        double diff = 0;
+        int far = 0;
+        for (std::size_t i = 0; i < pictures[0].size(); ++i) {
+            const int d = std::abs(int(static_cast<unsigned char>(pictures[0][i])) - int(static_cast<unsigned char>(pictures[1][i])));
+            diff += d;
+            far += d > 48;
+        }
+        EXPECT_LT(diff / double(pictures[0].size()), 2.0);
+        EXPECT_LT(far, int(pictures[0].size() / 10000));
+    }
 }
 
 TEST_F(ConvertTest, PlanarAndPackedFramePathsGiveTheSameClip)
