@@ -21,6 +21,7 @@
 
 #include "ScratchVolume.h"
 #include "TempDir.h"
+#include "RefuseRateRecord.h"
 #include "TestMedia.h"
 #include "Tool.h"
 #include "convert/ConvertSession.h"
@@ -151,6 +152,14 @@ protected:
         const std::string path = media / name;
         EXPECT_TRUE(gen::MakeMedia(path, spec, &error)) << error;
         return path;
+    }
+    // The usual movie with sound, `frames` long.
+    std::string MakePreset(const std::string& name, int frames)
+    {
+        gen::MediaSpec spec;
+        EXPECT_TRUE(gen::Preset("mp4_h264_aac", &spec));
+        spec.frames = frames;
+        return Make(name, spec);
     }
     std::string Preset(const std::string& name)
     {
@@ -766,8 +775,13 @@ TEST_F(ConvertTest, FittedFramesMatchFfmpegsOwnScale)
 
 namespace {
 
-rec::ZubApi g_noAppInfo;
-std::int32_t RefuseAppInfo(std::int32_t, const char*, const std::uint8_t*) { return rec::kZubIoError; }
+// An application object for the tests that drive a session themselves.
+struct CoreApp {
+    int argc = 1;
+    char name[5] = "test";
+    char* argv[2] = {name, nullptr};
+    QCoreApplication app{argc, argv};
+};
 
 // Runs a session on its own event loop, as Modal does headless, with the session in reach.
 int RunSession(ConvertSession& session)
@@ -805,23 +819,10 @@ TEST_F(ConvertTest, AnErrorOrAbortWhileTheFinishingStepShowsABoxWaitsAndChangesN
     // The rate record cannot be stored, so finishing shows its box; meanwhile a conversion
     // error and a press of Abort arrive. Neither may ask anything or undo the finished files.
     Open();
-    const rec::ZubApi* real = ZubBackend();
-    ASSERT_NE(real, nullptr);
-    g_noAppInfo = *real;
-    g_noAppInfo.ZubDdrSetFileAppInfo = &RefuseAppInfo;
-    struct Restore {
-        ~Restore() { SetZubBackendForTesting(nullptr); }
-    } restore;
-    SetZubBackendForTesting(&g_noAppInfo);
-    gen::MediaSpec spec;
-    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
-    spec.frames = 10;
-    const std::string src = Make("boxed.mp4", spec);
-
-    int argc = 1;
-    char name[] = "test";
-    char* argv[] = {name, nullptr};
-    QCoreApplication app(argc, argv);
+    const zub::test::RefuseRateRecord refuse;
+    ASSERT_TRUE(refuse.Active());
+    const std::string src = MakePreset("boxed.mp4", 10);
+    CoreApp app;
     auto box = std::make_shared<BoxWithLoop>();
     ScopedPrompter use(box);
     CConvertDlg dlg(src);
@@ -846,15 +847,8 @@ TEST_F(ConvertTest, AnErrorArrivingDuringTheCompletionStepIsAskedByTheNextTick)
     // again once it has looked at the streams: the question comes after the step, not inside.
     setenv("ZUBREC_WRITE_DELAY", "40", 1);
     Open();
-    gen::MediaSpec spec;
-    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
-    spec.frames = 90;
-    const std::string src = Make("late.mp4", spec);
-
-    int argc = 1;
-    char name[] = "test";
-    char* argv[] = {name, nullptr};
-    QCoreApplication app(argc, argv);
+    const std::string src = MakePreset("late.mp4", 90);
+    CoreApp app;
     CConvertDlg dlg(src);
     ConvertSession session(dlg);
     bool posted = false, askedInside = false;
@@ -881,14 +875,8 @@ TEST_F(ConvertTest, AnErrorArrivingDuringTheCompletionStepIsAskedByTheNextTick)
 TEST_F(ConvertTest, CancelBeforeConvertClosesWithoutAQuestion)
 {
     Open();
-    gen::MediaSpec spec;
-    ASSERT_TRUE(gen::Preset("mp4_h264_aac", &spec));
-    spec.frames = 5;
-    const std::string src = Make("idle.mp4", spec);
-    int argc = 1;
-    char name[] = "test";
-    char* argv[] = {name, nullptr};
-    QCoreApplication app(argc, argv);
+    const std::string src = MakePreset("idle.mp4", 5);
+    CoreApp app;
     CConvertDlg dlg(src);
     ConvertSession session(dlg);
     ASSERT_TRUE(session.Init());

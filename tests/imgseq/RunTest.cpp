@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "RefuseRateRecord.h"
 #include "tests/imgseq/RunTestSupport.h"
 #include "imgseq/ImageFitting.h"
 #include "imgseq/ImgSeqRun.h"
@@ -466,16 +467,6 @@ TEST(ImgSeqRun, ShowImagesOnOutputPutsEachFrameOnTheMonitor)
     EXPECT_EQ(CurrentSettings().showImagesOnOutput, 1);
 }
 
-namespace {
-
-rec::ZubApi g_noAppInfo;
-std::int32_t RefuseAppInfo(std::int32_t, const char*, const std::uint8_t*)
-{
-    return rec::kZubIoError;
-}
-
-}  // namespace
-
 // A rate record that cannot be stored is told, and the clip is kept all the same.
 TEST(ImgSeqRun, AFailedRateRecordIsToldAndTheClipKept)
 {
@@ -483,19 +474,15 @@ TEST(ImgSeqRun, AFailedRateRecordIsToldAndTheClipKept)
     ASSERT_TRUE(vol.Opened());
     UsualSettings();
     const auto files = MakeStills(vol.ImageDir(), "norate", "tga", 3);
-    const rec::ZubApi* real = ZubBackend();
-    ASSERT_NE(real, nullptr);
-    g_noAppInfo = *real;
-    g_noAppInfo.ZubDdrSetFileAppInfo = &RefuseAppInfo;
-    struct Restore {
-        ~Restore() { SetZubBackendForTesting(nullptr); }
-    } restore;
-    SetZubBackendForTesting(&g_noAppInfo);
+    ImgSeqRunResult r;
     Answers answers;
-    ImgSeqRunRequest req;
-    req.files = files;
-    const ImgSeqRunResult r = RunImageSequence(req);
-    SetZubBackendForTesting(nullptr);
+    {
+        const zub::test::RefuseRateRecord refuse;
+        ASSERT_TRUE(refuse.Active());
+        ImgSeqRunRequest req;
+        req.files = files;
+        r = RunImageSequence(req);
+    }
     EXPECT_EQ(r.endCode, 1);
     EXPECT_EQ(answers.Texts(), std::vector<std::string>{"Failed to store video rate in file"});
     EXPECT_EQ(FramesReadable(r.clipPath), 3);
