@@ -394,8 +394,14 @@ OSErr Movie::Draw(std::string* why)
                              : "unknown"));
         return badImageDescription;
     }
+    // Decoders mark high-definition pictures with the high-definition matrix, studio range,
+    // unless the frame says full range; the scaler otherwise assumes the standard-definition
+    // one. The same choice as the conversion's planar path, so both paths give one picture.
+    const int space = f->height >= 720 ? SWS_CS_ITU709 : SWS_CS_ITU601;
+    sws_setColorspaceDetails(sws_.get(), sws_getCoefficients(space), f->color_range == AVCOL_RANGE_JPEG ? 1 : 0,
+                             sws_getCoefficients(space), 1, 0, 1 << 16, 1 << 16);
     const std::size_t drawStride = rotation_ ? static_cast<std::size_t>(drawWidth) * 3 : world_->stride;
-    if (rotation_) unturned_.resize(drawStride * static_cast<std::size_t>(drawHeight));
+    if (rotation_) unturned_.resize(drawStride * static_cast<std::size_t>(drawHeight) + kDrawSlack);
     std::uint8_t* dst[4] = {rotation_ ? unturned_.data() : world_->bits, nullptr, nullptr, nullptr};
     int dstStride[4] = {static_cast<int>(drawStride), 0, 0, 0};
     const int rows = sws_scale(sws_.get(), f->data, f->linesize, 0, f->height, dst, dstStride);

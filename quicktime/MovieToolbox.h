@@ -112,8 +112,12 @@ OSErr OpenMovieFile(const FSSpec& spec, std::unique_ptr<MovieFile>* file, int pe
 OSErr CloseMovieFile(std::unique_ptr<MovieFile>& file);
 
 // Where a movie draws: a 24-bit bitmap with rows of `stride` bytes, top row first.
+// libswscale's vector code stores whole 8-byte groups, past the last pixel of the last row: a
+// bitmap it draws into carries this much more after its rows.
+inline constexpr std::size_t kDrawSlack = 64;
+
 struct GWorld {
-    std::uint8_t* bits = nullptr;
+    std::uint8_t* bits = nullptr;  // stride x height bytes, then kDrawSlack more
     int width = 0;
     int height = 0;
     std::size_t stride = 0;

@@ -129,7 +129,7 @@ bool CQuickTimeVideoSource::Open(const char* path)
     // No bitmap for an empty box: a movie without video still opens.
     if (width > 0 && height > 0) {
         const std::size_t stride = (static_cast<std::size_t>(width) * 24 + 31) / 32 * 4;
-        bitmap_.assign(stride * static_cast<std::size_t>(height), 0);
+        bitmap_.assign(stride * static_cast<std::size_t>(height) + qt::kDrawSlack, 0);
         dc_ = std::make_unique<DrawingContext>();
         dc_->header.biSize = sizeof(BITMAPINFOHEADER);
         dc_->header.biWidth = width;
