@@ -59,13 +59,19 @@ bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shi
     case kFitStretchWidth: nw = Tw; nh = h; break;
     default: return false;  // the crop modes take part of the picture: the general path does them
     }
-    if (nw > Tw || nh > Th) return false;  // the picture would be cut
-    // The fitting centres a smaller picture by a crop with a negative offset, which truncates.
-    out->width = nw;
-    out->height = nh;
-    out->left = mx - (nw - Tw) / 2;
-    out->top = my - (nh - Th) / 2;
-    out->crop = false;
+    // Only our own scaler makes part of a scaled picture.
+    if ((nw > Tw || nh > Th) && fit.method == kResizeNearest) return false;
+    // The fitting centres a smaller picture by a crop with a negative offset, which truncates,
+    // and cuts a larger one at half the difference, truncated too.
+    *out = ScaledPlacement{};
+    out->scaledWidth = nw;
+    out->scaledHeight = nh;
+    out->cutX = nw > Tw ? (nw - Tw) / 2 : 0;
+    out->cutY = nh > Th ? (nh - Th) / 2 : 0;
+    out->width = std::min(nw, Tw);
+    out->height = std::min(nh, Th);
+    out->left = nw > Tw ? mx : mx - (nw - Tw) / 2;
+    out->top = nh > Th ? my : my - (nh - Th) / 2;
     return true;
 }
 
@@ -204,11 +210,26 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
     // Bilinear and bicubic go through our own plane scaler; nearest stays with libswscale,
     // whose choice of sample the rest of the fitting code matches.
     const bool own = method != kResizeNearest;
-    const int chromaW = (s.width + 1) / 2, chromaH = (s.height + 1) / 2, midChromaW = (p.width + 1) / 2;
+    const int scaledW = p.scaledWidth ? p.scaledWidth : p.width, scaledH = p.scaledHeight ? p.scaledHeight : p.height;
+    const bool cut = scaledW != p.width || scaledH != p.height;
+    if (cut && !own) {
+        if (error) *error = "a cut picture needs a smoothing scale";
+        return false;
+    }
+    // The chroma of the part that shows pairs its own columns, as the frame's 4:2:2 storage
+    // pairs them: a cut starting on an odd column takes chroma from between the scaled
+    // picture's own samples. Its step is the picture's ratio, which the rounded chroma sizes
+    // miss when a side is odd.
+    const int madeW = p.width;
+    const int chromaW = (s.width + 1) / 2, chromaH = (s.height + 1) / 2, midChromaW = (madeW + 1) / 2;
     if (own) {
         const PlaneScaler::Kernel kernel = method == kResizeBiLinear ? PlaneScaler::Kernel::Bilinear : PlaneScaler::Kernel::Bicubic;
-        if (!planeY_.Configure(s.width, s.height, p.width, p.height, kernel) ||
-            !planeC_.Configure(chromaW, chromaH, midChromaW, p.height, kernel)) {
+        const int chromaScaledW = (scaledW + 1) / 2;
+        const int chromaX = std::min(p.cutX / 2, chromaScaledW - midChromaW);
+        if (!planeY_.Configure(s.width, s.height, scaledW, scaledH, kernel, {p.cutX, p.cutY, madeW, p.height}) ||
+            !planeC_.Configure(chromaW, chromaH, chromaScaledW, scaledH, kernel, {chromaX, p.cutY, midChromaW, p.height},
+                               static_cast<double>(s.width) / scaledW, static_cast<double>(s.height) / (2.0 * scaledH),
+                               p.cutX / 2.0 - chromaX)) {
             if (error) *error = "no scaler for " + std::to_string(s.width) + "x" + std::to_string(s.height);
             return false;
         }
@@ -216,8 +237,8 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
         scale_ = sws_getCachedContext(scale_, s.width, s.height, AV_PIX_FMT_YUV420P, p.width, p.height,
                                       AV_PIX_FMT_YUV422P, flags, nullptr, nullptr, nullptr);
     }
-    convert_ = sws_getCachedContext(convert_, p.width, p.height, AV_PIX_FMT_YUV422P, p.width, p.height,
-                                    AV_PIX_FMT_BGRA, flags, nullptr, nullptr, nullptr);
+    convert_ = sws_getCachedContext(convert_, madeW, p.height, AV_PIX_FMT_YUV422P, madeW, p.height, AV_PIX_FMT_BGRA,
+                                    flags, nullptr, nullptr, nullptr);
     if ((!own && !scale_) || !convert_) {
         if (error) *error = "no scaler for " + std::to_string(s.width) + "x" + std::to_string(s.height);
         return false;
@@ -233,8 +254,8 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
 
     // The 4:2:2 planes, rows aligned for the vector code.
     constexpr int kAlign = 64;
-    const int lumaStride = (p.width + kAlign - 1) / kAlign * kAlign;
-    const int chromaStride = ((p.width + 1) / 2 + kAlign - 1) / kAlign * kAlign;
+    const int lumaStride = (madeW + kAlign - 1) / kAlign * kAlign;
+    const int chromaStride = (midChromaW + kAlign - 1) / kAlign * kAlign;
     const std::size_t lumaBytes = static_cast<std::size_t>(lumaStride) * p.height;
     const std::size_t chromaBytes = static_cast<std::size_t>(chromaStride) * p.height;
     const std::size_t need = lumaBytes + 2 * chromaBytes;
@@ -265,11 +286,11 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
     // each row below it lies one row earlier in memory.
     const std::size_t frameRow = static_cast<std::size_t>(frame.width) * 4;
     std::uint8_t* pixels = holder.Pixels();
-    std::uint8_t* dst[4] = {pixels + frameRow * static_cast<std::size_t>(frame.height - 1 - p.top) +
-                                static_cast<std::size_t>(p.left) * 4,
-                            nullptr, nullptr, nullptr};
-    int dstStride[4] = {-static_cast<int>(frameRow), 0, 0, 0};
+    std::uint8_t* const top = pixels + frameRow * static_cast<std::size_t>(frame.height - 1 - p.top) +
+                              static_cast<std::size_t>(p.left) * 4;
     const std::uint8_t* const midIn[4] = {mid[0], mid[1], mid[2], nullptr};
+    std::uint8_t* dst[4] = {top, nullptr, nullptr, nullptr};
+    int dstStride[4] = {-static_cast<int>(frameRow), 0, 0, 0};
     if (sws_scale(convert_, midIn, midStride, 0, p.height, dst, dstStride) != p.height) {
         if (error) *error = "the colour conversion did not deliver the picture";
         return false;

@@ -21,15 +21,19 @@ namespace zub {
 struct ScaledPlacement {
     int width = 0, height = 0;
     int left = 0, top = 0;
+    // A picture scaled beyond the target is cut: it is scaled to scaledWidth x scaledHeight
+    // (0: width x height) and the width x height part at (cutX, cutY) shows.
+    int scaledWidth = 0, scaledHeight = 0;
+    int cutX = 0, cutY = 0;
     // A crop places stored pixels as they are: the width x height rectangle of the source at
     // (srcX, srcY), unscaled.
     bool crop = false;
     int srcX = 0, srcY = 0;
 };
 
-// True when fitting a w x h picture with this fit word is a plain scale that keeps all of the
-// picture (the stretch and fit modes without cropping); false for the crop modes, or when a
-// scaled side would be cut, or when swap or shift asks for field work.
+// True when fitting a w x h picture with this fit word is a plain scale (the stretch and fit
+// modes), the picture whole or, with bilinear or bicubic, cut where it passes the target;
+// false for the crop modes, or when swap or shift asks for field work.
 bool PlainScalePlacement(int w, int h, std::int32_t fitWord, bool swap, bool shift, FrameSize frame,
                          ScaledPlacement* placement);
 // The same for the cropping modes (Center and the four corners): the part of the picture

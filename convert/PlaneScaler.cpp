@@ -159,10 +159,11 @@ __attribute__((target("avx2"))) void HorizontalAvx2(const std::int16_t* row, con
 
 }  // namespace
 
-PlaneScaler::Filter PlaneScaler::MakeFilter(int srcSize, int dstSize, Kernel kernel, int window)
+PlaneScaler::Filter PlaneScaler::MakeFilter(int srcSize, int dstSize, Kernel kernel, int window, double ratio,
+                                            double phase)
 {
     Filter f;
-    const double scale = static_cast<double>(srcSize) / dstSize;
+    const double scale = ratio > 0 ? ratio : static_cast<double>(srcSize) / dstSize;
     const double stretch = std::max(1.0, scale);  // a shrink widens the kernel
     const double support = (kernel == Kernel::Bilinear ? 1.0 : 2.0) * stretch;
     // The samples strictly inside the kernel's reach: never more than 2 x support of them.
@@ -172,7 +173,7 @@ PlaneScaler::Filter PlaneScaler::MakeFilter(int srcSize, int dstSize, Kernel ker
     f.weights.assign(static_cast<std::size_t>(dstSize) * f.width, 0);
     std::vector<double> acc(f.width);
     for (int i = 0; i < dstSize; ++i) {
-        const double centre = (i + 0.5) * scale - 0.5;
+        const double centre = (i + 0.5 + phase) * scale - 0.5;
         const int first = static_cast<int>(std::floor(centre - support)) + 1;
         const int start = std::clamp(first, 0, srcSize - f.width);
         std::fill(acc.begin(), acc.end(), 0.0);
@@ -197,25 +198,47 @@ PlaneScaler::Filter PlaneScaler::MakeFilter(int srcSize, int dstSize, Kernel ker
     return f;
 }
 
-bool PlaneScaler::Configure(int srcWidth, int srcHeight, int dstWidth, int dstHeight, Kernel kernel)
+void PlaneScaler::Keep(Filter& f, int first, int count)
+{
+    f.start.erase(f.start.begin() + first + count, f.start.end());
+    f.start.erase(f.start.begin(), f.start.begin() + first);
+    const std::size_t w = static_cast<std::size_t>(f.width);
+    f.weights.erase(f.weights.begin() + static_cast<std::ptrdiff_t>((first + count) * w), f.weights.end());
+    f.weights.erase(f.weights.begin(), f.weights.begin() + static_cast<std::ptrdiff_t>(first * w));
+}
+
+bool PlaneScaler::Configure(int srcWidth, int srcHeight, int dstWidth, int dstHeight, Kernel kernel, Window window,
+                            double ratioX, double ratioY, double phaseX)
 {
     for (int v : {srcWidth, srcHeight, dstWidth, dstHeight})
         if (v < 1 || v > 32768) return false;
-    if (srcWidth == srcW_ && srcHeight == srcH_ && dstWidth == dstW_ && dstHeight == dstH_ && kernel == kernel_ &&
-        !h_.start.empty())
+    if (window.width == 0 || window.height == 0) window = Window{0, 0, dstWidth, dstHeight};
+    if (window.x < 0 || window.y < 0 || window.width < 1 || window.height < 1 || window.x + window.width > dstWidth ||
+        window.y + window.height > dstHeight)
+        return false;
+    if (srcWidth == srcW_ && srcHeight == srcH_ && dstWidth == scaledW_ && dstHeight == scaledH_ && kernel == kernel_ &&
+        window == window_ && ratioX == ratioX_ && ratioY == ratioY_ && phaseX == phaseX_ && !h_.start.empty())
         return true;
+    ratioX_ = ratioX;
+    ratioY_ = ratioY;
+    phaseX_ = phaseX;
     srcW_ = srcWidth;
     srcH_ = srcHeight;
-    dstW_ = dstWidth;
-    dstH_ = dstHeight;
+    scaledW_ = dstWidth;
+    scaledH_ = dstHeight;
+    window_ = window;
+    dstW_ = window.width;
+    dstH_ = window.height;
     kernel_ = kernel;
-    v_ = MakeFilter(srcHeight, dstHeight, kernel);
+    v_ = MakeFilter(srcHeight, dstHeight, kernel, 0, ratioY);
     // The vector pass reads whole blocks of samples, so its windows are widened to a
     // multiple of the block where the source is wide enough.
-    h_ = MakeFilter(srcWidth, dstWidth, kernel);
+    h_ = MakeFilter(srcWidth, dstWidth, kernel, 0, ratioX, phaseX);
     const int block = (h_.width + kVectorBlock - 1) / kVectorBlock * kVectorBlock;
     vector_ = HaveAvx2() && srcWidth >= block;
-    if (vector_ && block != h_.width) h_ = MakeFilter(srcWidth, dstWidth, kernel, block);
+    if (vector_ && block != h_.width) h_ = MakeFilter(srcWidth, dstWidth, kernel, block, ratioX, phaseX);
+    Keep(v_, window.y, window.height);
+    Keep(h_, window.x, window.width);
     column_.assign(static_cast<std::size_t>(srcWidth) + kVectorBlock, 0);
     return true;
 }

@@ -18,13 +18,29 @@
 
 namespace zub {
 
+// The part of a scaled picture to make (all of it when width or height is 0): a picture scaled
+// beyond the frame is made only as far as it shows.
+struct PlaneWindow {
+    int x = 0, y = 0, width = 0, height = 0;
+    bool operator==(const PlaneWindow&) const = default;
+};
+
 class PlaneScaler {
 public:
     enum class Kernel { Bilinear, Bicubic };
 
-    // False for sizes outside 1..32768. The filters are built once per shape.
-    bool Configure(int srcWidth, int srcHeight, int dstWidth, int dstHeight, Kernel kernel);
-    // Scales src (srcWidth x srcHeight, rows srcStride bytes apart) into dst.
+    using Window = PlaneWindow;
+
+    // False for sizes outside 1..32768 or a window outside the scaled picture. The filters are
+    // built once per shape.
+    // ratioX / ratioY, when given, replace srcWidth / dstWidth and srcHeight / dstHeight as the
+    // step between samples: a chroma plane follows its picture's own ratio, which its rounded
+    // sizes miss when a side is odd. phaseX moves every output across by that part of an
+    // output sample: the chroma of a cut starting on an odd column sits between its own.
+    bool Configure(int srcWidth, int srcHeight, int dstWidth, int dstHeight, Kernel kernel, Window window = {},
+                   double ratioX = 0, double ratioY = 0, double phaseX = 0);
+    // Scales src (srcWidth x srcHeight, rows srcStride bytes apart) into dst, which holds the
+    // window.
     void Scale(const std::uint8_t* src, std::ptrdiff_t srcStride, std::uint8_t* dst, std::ptrdiff_t dstStride);
 
     // One direction's filter: for output i, `width` weights (sum 1 << kWeightBits) starting at
@@ -37,10 +53,16 @@ public:
     static constexpr int kWeightBits = 14;
     // `window` >= the kernel's own width asks for wider windows (zero weights) where the
     // source allows, so vector code can read whole blocks.
-    static Filter MakeFilter(int srcSize, int dstSize, Kernel kernel, int window = 0);
+    static Filter MakeFilter(int srcSize, int dstSize, Kernel kernel, int window = 0, double ratio = 0,
+                             double phase = 0);
 
 private:
-    int srcW_ = 0, srcH_ = 0, dstW_ = 0, dstH_ = 0;
+    static void Keep(Filter& f, int first, int count);
+
+    int srcW_ = 0, srcH_ = 0, dstW_ = 0, dstH_ = 0;  // dst: the window's size
+    int scaledW_ = 0, scaledH_ = 0;
+    Window window_;
+    double ratioX_ = 0, ratioY_ = 0, phaseX_ = 0;
     Kernel kernel_ = Kernel::Bicubic;
     Filter h_, v_;
     bool vector_ = false;

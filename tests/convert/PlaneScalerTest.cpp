@@ -175,6 +175,30 @@ TEST(PlaneScaler, ReadsAndWritesOnlyInsideEachRow)
     }
 }
 
+TEST(PlaneScaler, AWindowIsExactlyThatPartOfTheWholePicture)
+{
+    // A picture scaled past the frame is made only where it shows; that part must be the
+    // very bytes of the whole scaled picture.
+    const Plane src = Picture(1900, 1080, 11);
+    for (PlaneScaler::Kernel kernel : {PlaneScaler::Kernel::Bicubic, PlaneScaler::Kernel::Bilinear})
+        for (const zub::PlaneWindow w : {zub::PlaneWindow{66, 0, 721, 486}, zub::PlaneWindow{67, 5, 700, 400},
+                                         zub::PlaneWindow{0, 0, 855, 486}, zub::PlaneWindow{854, 485, 1, 1}}) {
+            SCOPED_TRACE(std::to_string(w.x) + "," + std::to_string(w.y) + " " + std::to_string(w.width) + "x" +
+                         std::to_string(w.height));
+            const Plane whole = Ours(src, 855, 486, kernel);
+            PlaneScaler scaler;
+            ASSERT_TRUE(scaler.Configure(src.width, src.height, 855, 486, kernel, w));
+            Plane part = MakePlane(w.width, w.height);
+            scaler.Scale(src.bytes.data(), src.stride, part.bytes.data(), part.stride);
+            int differ = 0;
+            for (int y = 0; y < w.height; ++y)
+                for (int x = 0; x < w.width; ++x) differ += part.Row(y)[x] != whole.Row(w.y + y)[w.x + x];
+            EXPECT_EQ(differ, 0);
+        }
+    PlaneScaler scaler;
+    EXPECT_FALSE(scaler.Configure(1900, 1080, 855, 486, PlaneScaler::Kernel::Bicubic, {800, 0, 56, 486}));
+}
+
 TEST(PlaneScaler, RefusesSizesItCannotMake)
 {
     PlaneScaler scaler;
