@@ -24,6 +24,10 @@ int Scaled(std::int64_t a, std::int64_t b, std::int64_t c)
     return static_cast<int>(std::clamp<std::int64_t>(a * b / c, 1, 32768));
 }
 
+// libswscale's vector writers store whole groups of bytes past the last pixel of the last row:
+// every buffer it writes carries this much more.
+constexpr std::size_t kWriterSlack = 64;
+
 // The margins of the fit's area; false for an area the fitting refuses.
 bool Margins(int area, FrameSize frame, int* mx, int* my)
 {
@@ -168,7 +172,7 @@ bool PlanarFrameScaler::Crop(const VideoSample& s, const ScaledPlacement& p, Fra
     const int space = s.height >= 720 ? SWS_CS_ITU709 : SWS_CS_ITU601;
     sws_setColorspaceDetails(crop_, sws_getCoefficients(space), 0, sws_getCoefficients(space), 1, 0, 1 << 16, 1 << 16);
     const int stride = (rw * 4 + 63) / 64 * 64;
-    cropped_.resize(static_cast<std::size_t>(stride) * rh);
+    cropped_.resize(static_cast<std::size_t>(stride) * rh + kWriterSlack);
     const std::uint8_t* const src[4] = {s.plane[0] + s.planeStride[0] * ey + ex,
                                         s.plane[1] + s.planeStride[1] * (ey / 2) + ex / 2,
                                         s.plane[2] + s.planeStride[2] * (ey / 2) + ex / 2, nullptr};
@@ -260,7 +264,7 @@ bool PlanarFrameScaler::Scale(const VideoSample& s, const ScaledPlacement& p, in
     const std::size_t chromaBytes = static_cast<std::size_t>(chromaStride) * p.height;
     const std::size_t need = lumaBytes + 2 * chromaBytes;
     if (!planes_ || planesBytes_ < need) {
-        planes_.reset(static_cast<std::uint8_t*>(av_malloc(need)));
+        planes_.reset(static_cast<std::uint8_t*>(av_malloc(need + kWriterSlack)));
         planesBytes_ = planes_ ? need : 0;
         if (!planes_) {
             if (error) *error = "no memory for the scaled picture";
