@@ -241,7 +241,11 @@ bool ConvertSession::Init()
         // over what span, comes from the container as the graph route has it.
         if (qtVideo_) {
             VideoFacts facts;
-            if (ReadVideoFacts(src, &facts) && facts.variableRate && facts.span > 0) movieSpan_ = facts.span;
+            if (ReadVideoFacts(src, &facts)) {
+                if (facts.variableRate && facts.span > 0) movieSpan_ = facts.span;
+                movieParNum_ = facts.parNum;
+                movieParDen_ = facts.parDen;
+            }
         }
     } else {
         if (!hasVideo_) graphVideo_.reset();
@@ -313,10 +317,11 @@ bool ConvertSession::SetUpFramePath()
     }
     fitWidth_ = sourceWidth_;
     if (CurrentSettings().sourcePixelAspect) {
-        VideoFacts facts;
-        if (ReadVideoFacts(dlg_.source_, &facts) && facts.parNum > 0 && facts.parDen > 0 &&
-            facts.parNum != facts.parDen)
-            fitWidth_ = static_cast<int>(std::llround(double(sourceWidth_) * facts.parNum / facts.parDen));
+        // Read when the source was opened: reading the container again costs a decode of its
+        // first frames.
+        const int num = graphVideo_ ? graphVideo_->PixelAspectNum() : movieParNum_;
+        const int den = graphVideo_ ? graphVideo_->PixelAspectDen() : movieParDen_;
+        if (num > 0 && den > 0 && num != den) fitWidth_ = static_cast<int>(std::llround(double(sourceWidth_) * num / den));
     }
     if (qtVideo_ || (!dlg_.serverMode_ && !sourceAlpha_)) {
         // The frames in flight get their buffers as they come; one of each is had now so that

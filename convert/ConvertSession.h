@@ -193,6 +193,7 @@ private:
     int fitWidth_ = 0;  // the width the fit sees: the stored width, or the shown one for non-square pixels
     int choiceVideo_ = -1, choiceAudio_ = -1, choiceDva_ = -1;
     bool isMov_ = false;
+    int movieParNum_ = 0, movieParDen_ = 0;  // the movie's pixel aspect as its container gives it; 0 unknown
     std::int64_t movieSpan_ = 0;  // a variable-rate movie's span (100 ns); 0 when its rate is constant
     bool SourceIsVariableRate() const { return (graphVideo_ && graphVideo_->IsVariableRate()) || movieSpan_ > 0; }
 
