@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -246,6 +247,48 @@ TEST(Generator, UnknownRateFileHasNoStoredRate)
     ASSERT_FALSE(path.empty()) << error;
     EXPECT_EQ(Probe(path, "stream=avg_frame_rate", "v:0"), "0/0");
     EXPECT_EQ(DecodeFrames(path, 64, 48, "gray", 1).size(), 30u);
+}
+
+// Grain is what makes a benchmark's stream cost what a camera's does: ffmpeg must still read
+// every frame's number through it, it must change from frame to frame (still noise would cost
+// nothing to code), and the same spec must make the same file.
+TEST(Generator, GrainKeepsTheFrameNumbersMovesEveryFrameAndRepeats)
+{
+    zub::test::TempDir dir;
+    zt::MediaSpec spec;
+    spec.width = 320;
+    spec.height = 240;
+    spec.frames = 6;
+    spec.video = zt::VideoCodec::H264;
+    std::string error;
+    const std::string clean = dir / "clean.mp4", grain = dir / "grain.mp4", again = dir / "again.mp4";
+    ASSERT_TRUE(zt::MakeMedia(clean, spec, &error)) << error;
+    spec.grain = 12;
+    ASSERT_TRUE(zt::MakeMedia(grain, spec, &error)) << error;
+    ASSERT_TRUE(zt::MakeMedia(again, spec, &error)) << error;
+
+    const auto frames = DecodeFrames(grain, 320, 240, "gray", 1);
+    ASSERT_EQ(frames.size(), 6u);
+    for (int i = 0; i < 6; ++i) {
+        zt::ImageView v{frames[i].data(), 320, 240, 320, zt::PixelFormat::Gray8};
+        EXPECT_EQ(zt::ReadFrameNumber(v), i) << "frame " << i;
+    }
+    // Between two frames most samples differ, and by about what the grain allows.
+    const auto cleanFrames = DecodeFrames(clean, 320, 240, "gray", 1);
+    ASSERT_EQ(cleanFrames.size(), 6u);
+    int moved = 0;
+    double spread = 0;
+    for (std::size_t k = 0; k < frames[2].size(); ++k) {
+        const int d = frames[2][k] - cleanFrames[2][k];
+        moved += frames[2][k] != frames[3][k];
+        spread += d * d;
+    }
+    EXPECT_GT(moved, static_cast<int>(frames[2].size() * 3 / 4));
+    const double rms = std::sqrt(spread / frames[2].size());
+    EXPECT_GT(rms, 3.0);
+    EXPECT_LT(rms, 12.0);
+    EXPECT_GT(std::filesystem::file_size(grain), 4 * std::filesystem::file_size(clean));
+    EXPECT_EQ(zub::test::Capture("cmp '" + grain + "' '" + again + "' && echo same"), "same\n");
 }
 
 TEST(Generator, FailuresNameTheFileAndLeaveNothing)

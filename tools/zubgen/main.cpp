@@ -67,6 +67,7 @@ int main(int argc, char** argv)
     media->add_option("--seconds", spec.audioSeconds, "Audio length (default: as long as the video)");
     media->add_option("--container", spec.container, "libavformat container name, overriding the extension");
     media->add_option("--bitrate", spec.videoBitRate, "Video bit rate in bits per second");
+    media->add_option("--grain", spec.grain, "Sensor-like noise in every frame, +-N per sample (camera-like cost to decode)");
 
     int bits = 16, rate = 48000, channels = 2;
     double seconds = 1.0, tone = 1000.0, level = 0.5;
@@ -138,6 +139,7 @@ int main(int argc, char** argv)
         if (given.audioSeconds >= 0) spec.audioSeconds = given.audioSeconds;
         if (!given.container.empty()) spec.container = given.container;
         if (given.videoBitRate) spec.videoBitRate = given.videoBitRate;
+        if (given.grain) spec.grain = given.grain;
         if (*videoOpt) spec.video = kVideo.at(video);
         if (*audioOpt) spec.audio = kAudio.at(audio);
         if (*fpsOpt && !ParseRate(fps, &spec.fpsNum, &spec.fpsDen)) {

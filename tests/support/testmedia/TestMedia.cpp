@@ -1,4 +1,5 @@
 // Encodes test movies and WAVE files in-process with libavformat/libavcodec/libswscale.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -254,6 +255,29 @@ private:
         }
     }
 
+    // Uniform noise from a per-frame seed, so that the same spec makes the same file.
+    void AddGrain(std::uint32_t index)
+    {
+        const int fmt = frame_->format;
+        if (fmt != AV_PIX_FMT_YUV420P && fmt != AV_PIX_FMT_YUVJ420P) return;
+        std::uint32_t state = 0x9E3779B9u ^ (index * 0x85EBCA6Bu + 1u);
+        const int span = 2 * spec_.grain + 1;
+        for (int p = 0; p < 3; ++p) {
+            const int w = p ? (spec_.width + 1) / 2 : spec_.width;
+            const int h = p ? (spec_.height + 1) / 2 : spec_.height;
+            for (int y = 0; y < h; ++y) {
+                std::uint8_t* row = frame_->data[p] + static_cast<std::ptrdiff_t>(y) * frame_->linesize[p];
+                for (int x = 0; x < w; ++x) {
+                    state ^= state << 13;
+                    state ^= state >> 17;
+                    state ^= state << 5;
+                    const int v = row[x] + static_cast<int>(state % static_cast<std::uint32_t>(span)) - spec_.grain;
+                    row[x] = static_cast<std::uint8_t>(std::clamp(v, 0, 255));
+                }
+            }
+        }
+    }
+
     bool SendVideo(int64_t index)
     {
         PaintFrame(rgba_.data(), spec_.width, spec_.height, static_cast<std::ptrdiff_t>(spec_.width) * 4,
@@ -263,6 +287,7 @@ private:
         const uint8_t* src[1] = {rgba_.data()};
         const int srcStride[1] = {spec_.width * 4};
         sws_scale(sws_.get(), src, srcStride, 0, spec_.height, frame_->data, frame_->linesize);
+        if (spec_.grain > 0) AddGrain(static_cast<std::uint32_t>(index));
         frame_->pts = VideoPts(index);
         rc = avcodec_send_frame(video_.ctx.get(), frame_.get());
         if (rc < 0) return Fail("video encoding failed: " + AvError(rc));

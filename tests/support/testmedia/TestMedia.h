@@ -77,6 +77,8 @@ struct MediaSpec {
     std::string container;    // libavformat short name ("mov", "mp4", "matroska", "avi", "mpeg", "wav");
                               // empty: guessed from the file name
     int videoBitRate = 0;     // 0: the encoder's default quality
+    int grain = 0;            // sensor-like noise, different in every frame: each 8-bit 4:2:0 sample moves by
+                              // up to +-grain. What makes a camera's stream costly to decode; 0: none
 };
 
 // Writes `path` (replacing it) as described. On failure returns false, removes any partial
