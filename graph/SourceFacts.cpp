@@ -8,8 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <vector>
 
 extern "C" {
@@ -83,15 +86,6 @@ void TimecodeAndReel(const AVFormatContext* fc, int stream, std::string* timecod
 
 bool IsMov(const AVFormatContext* fc) { return fc->iformat && std::strstr(fc->iformat->name, "mov") != nullptr; }
 
-// Only stream `index` is read from here on. The packets find_stream_info has read ahead stay
-// queued and come out first, so nothing is missed or counted twice (seeking back instead
-// loses frames in some demuxers, raw DV among them).
-void OnlyStream(AVFormatContext* c, int index)
-{
-    for (unsigned i = 0; i < c->nb_streams; ++i)
-        c->streams[i]->discard = static_cast<int>(i) == index ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
-}
-
 std::int64_t Ticks(std::int64_t v, AVRational tb) { return av_rescale_q(v, tb, AVRational{1, kTicksPerSecond}); }
 
 }  // namespace
@@ -121,73 +115,94 @@ void RateOfDuration(double seconds, int* num, int* den)
     *den = q.den;
 }
 
-bool ReadVideoFacts(const std::string& path, VideoFacts* facts, std::string* error)
+namespace {
+
+// A video stream's frame times as the container gives them.
+struct VideoWalk {
+    std::vector<std::int64_t> stamps;  // presentation times, in the stream's time base
+    std::int64_t lastDuration = 0;
+    std::int64_t untimed = 0;          // packets that carry no presentation time
+    std::int64_t count = 0;
+};
+
+// A sound stream's length as its packets hold it.
+struct AudioWalk {
+    std::int64_t total = 0, skipped = 0, startSkip = 0;
+    bool first = true, timed = true;
+};
+
+// Everything both readers and the tape block want of one source, from one open and at most
+// one walk through its packets: a reader of the picture and one of the sound open the same
+// file in turn, and for containers without an index each walk reads the whole file.
+struct SourceRead {
+    std::string error;  // the file cannot be read at all
+    bool haveVideo = false, haveAudio = false, haveTape = false;
+    std::string videoError, audioError, tapeError;
+    VideoFacts video;
+    AudioFacts audio;
+    std::string timecode, reel;  // of the stream the tape block takes: the picture, else the sound
+};
+
+int VideoIndex(const AVFormatContext* fc)
 {
-    *facts = VideoFacts{};
-    FormatPtr fc;
-    if (!Open(path, &fc, error)) return false;
-    int index = -1;
     for (unsigned i = 0; i < fc->nb_streams; ++i) {
         const AVStream* st = fc->streams[i];
-        if (st->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !(st->disposition & AV_DISPOSITION_ATTACHED_PIC)) {
-            index = static_cast<int>(i);
-            break;
-        }
+        if (st->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !(st->disposition & AV_DISPOSITION_ATTACHED_PIC))
+            return static_cast<int>(i);
     }
-    if (index < 0) {
-        if (error) *error = path + ": has no video stream";
-        return false;
-    }
-    AVStream* st = fc->streams[index];
-    VideoFacts f;
-    f.container = fc->iformat->name;
-    f.codec = avcodec_get_name(st->codecpar->codec_id);
-    f.opAtom = IsOpAtom(fc.get());
+    return -1;
+}
 
-    f.rotation = av::ClockwiseRotation(st);
-    const AVRational sar = av_guess_sample_aspect_ratio(fc.get(), st, nullptr);
+void VideoHeader(AVFormatContext* fc, int index, VideoFacts* f)
+{
+    AVStream* st = fc->streams[index];
+    f->container = fc->iformat->name;
+    f->codec = avcodec_get_name(st->codecpar->codec_id);
+    f->opAtom = IsOpAtom(fc);
+    f->rotation = av::ClockwiseRotation(st);
+    const AVRational sar = av_guess_sample_aspect_ratio(fc, st, nullptr);
     if (sar.num > 0 && sar.den > 0) {
         AVRational r = av_make_q(sar.num, sar.den);
-        av_reduce(&f.parNum, &f.parDen, r.num, r.den, 1 << 20);
+        av_reduce(&f->parNum, &f->parDen, r.num, r.den, 1 << 20);
     }
-    TimecodeAndReel(fc.get(), index, &f.timecode, &f.reel);
+    TimecodeAndReel(fc, index, &f->timecode, &f->reel);
+}
 
-    // Every frame's presentation time, in the stream's time base.
-    std::vector<std::int64_t> stamps;
-    std::int64_t lastDuration = 0;
-    std::int64_t untimed = 0;
-    if (IsMov(fc.get())) {
-        // The movie's sample table is complete: no need to read the samples themselves.
-        const int n = avformat_index_get_entries_count(st);
-        stamps.reserve(static_cast<std::size_t>(std::max(n, 0)));
-        for (int i = 0; i < n; ++i) {
-            const AVIndexEntry* e = avformat_index_get_entry(st, i);
-            if (!e || (e->flags & AVINDEX_DISCARD_FRAME) || e->timestamp == AV_NOPTS_VALUE) continue;
-            stamps.push_back(e->timestamp);
-        }
+void TakeVideoPacket(const AVPacket& pkt, VideoWalk* w)
+{
+    ++w->count;
+    // Frames without a presentation time (PES packets that carry none) fill the holes they
+    // leave in the others' spacing, or follow the last one.
+    if (pkt.pts != AV_NOPTS_VALUE) {
+        w->stamps.push_back(pkt.pts);
     } else {
-        for (unsigned i = 0; i < fc->nb_streams; ++i)
-            fc->streams[i]->discard = static_cast<int>(i) == index ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
-        OnlyStream(fc.get(), index);
-        PacketPtr pkt(av_packet_alloc());
-        std::int64_t count = 0;
-        while (av_read_frame(fc.get(), pkt.get()) >= 0) {
-            if (pkt->stream_index == index) {
-                ++count;
-                // Frames without a presentation time (PES packets that carry none) fill the
-                // holes they leave in the others' spacing, or follow the last one.
-                if (pkt->pts != AV_NOPTS_VALUE) {
-                    stamps.push_back(pkt->pts);
-                } else {
-                    ++untimed;
-                }
-                if (pkt->duration > 0) lastDuration = pkt->duration;
-            }
-            av_packet_unref(pkt.get());
-        }
-        f.frames = count;
+        ++w->untimed;
     }
-    if (IsMov(fc.get())) f.frames = static_cast<std::int64_t>(stamps.size());
+    if (pkt.duration > 0) w->lastDuration = pkt.duration;
+}
+
+void TakeAudioPacket(AVPacket& pkt, AVRational timeBase, AVRational perSample, AudioWalk* w)
+{
+    if (pkt.duration > 0) {
+        w->total += av_rescale_q(pkt.duration, timeBase, perSample);
+    } else {
+        w->timed = false;
+    }
+    std::size_t size = 0;
+    if (const std::uint8_t* side = av_packet_get_side_data(&pkt, AV_PKT_DATA_SKIP_SAMPLES, &size); side && size >= 8) {
+        const std::int64_t start = AV_RL32(side), end = AV_RL32(side + 4);
+        if (w->first) w->startSkip = start;
+        w->skipped += start + end;
+    }
+    w->first = false;
+}
+
+void FinishVideo(const AVFormatContext* fc, const AVStream* st, VideoWalk& w, VideoFacts* f)
+{
+    std::vector<std::int64_t>& stamps = w.stamps;
+    std::int64_t lastDuration = w.lastDuration;
+    const std::int64_t untimed = w.untimed;
+    f->frames = IsMov(fc) ? static_cast<std::int64_t>(stamps.size()) : w.count;
     std::sort(stamps.begin(), stamps.end());
 
     // Frame durations: the rate is what the short durations say (a source that slows down
@@ -216,83 +231,173 @@ bool ReadVideoFacts(const std::string& path, VideoFacts* facts, std::string* err
             }
         }
         // A few odd durations (a dropped frame, a cut) do not make a variable rate.
-        f.variableRate = static_cast<std::size_t>(stray) > std::max<std::size_t>(1, gaps.size() / 50);
+        f->variableRate = static_cast<std::size_t>(stray) > std::max<std::size_t>(1, gaps.size() / 50);
         const double seconds = near ? sum / near * av_q2d(st->time_base) : 0;
-        if (!f.variableRate) RateOfDuration(seconds, &f.rateNum, &f.rateDen);
+        if (!f->variableRate) RateOfDuration(seconds, &f->rateNum, &f->rateDen);
         if (lastDuration <= 0) lastDuration = typical;
         for (std::int64_t i = holes + 1; i <= untimed; ++i) stamps.push_back(stamps.back() + typical);
     }
-    if (!f.variableRate && f.rateNum == 0 && st->avg_frame_rate.num > 0 && st->avg_frame_rate.den > 0)
-        RateOfDuration(av_q2d(av_inv_q(st->avg_frame_rate)), &f.rateNum, &f.rateDen);
+    if (!f->variableRate && f->rateNum == 0 && st->avg_frame_rate.num > 0 && st->avg_frame_rate.den > 0)
+        RateOfDuration(av_q2d(av_inv_q(st->avg_frame_rate)), &f->rateNum, &f->rateDen);
 
-    if (IsMov(fc.get()) && st->duration != AV_NOPTS_VALUE && st->duration > 0) {
-        f.span = Ticks(st->duration, st->time_base);  // what the edit keeps
+    if (IsMov(fc) && st->duration != AV_NOPTS_VALUE && st->duration > 0) {
+        f->span = Ticks(st->duration, st->time_base);  // what the edit keeps
     } else if (stamps.size() >= 1) {
-        f.span = Ticks(stamps.back() - stamps.front() + lastDuration, st->time_base);
+        f->span = Ticks(stamps.back() - stamps.front() + lastDuration, st->time_base);
     }
-    f.known = true;
-    *facts = std::move(f);
+    f->known = true;
+}
+
+SourceRead ReadSource(const std::string& path)
+{
+    SourceRead r;
+    FormatPtr fc;
+    if (!Open(path, &fc, &r.error)) return r;
+    const bool mov = IsMov(fc.get());
+
+    int tapeIndex = av_find_best_stream(fc.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (tapeIndex < 0) tapeIndex = av_find_best_stream(fc.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    if (tapeIndex >= 0) {
+        r.haveTape = true;
+        TimecodeAndReel(fc.get(), tapeIndex, &r.timecode, &r.reel);
+    } else {
+        r.tapeError = path + ": has neither picture nor sound";
+    }
+
+    const int v = VideoIndex(fc.get());
+    VideoWalk vw;
+    if (v < 0) {
+        r.videoError = path + ": has no video stream";
+    } else {
+        VideoHeader(fc.get(), v, &r.video);
+        if (mov) {
+            // The movie's sample table is complete: no need to read the samples themselves.
+            AVStream* st = fc->streams[v];
+            const int n = avformat_index_get_entries_count(st);
+            vw.stamps.reserve(static_cast<std::size_t>(std::max(n, 0)));
+            for (int i = 0; i < n; ++i) {
+                const AVIndexEntry* e = avformat_index_get_entry(st, i);
+                if (!e || (e->flags & AVINDEX_DISCARD_FRAME) || e->timestamp == AV_NOPTS_VALUE) continue;
+                vw.stamps.push_back(e->timestamp);
+            }
+        }
+    }
+
+    int a = av_find_best_stream(fc.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+    AVRational perSample{1, 1};
+    if (a < 0) {
+        r.audioError = path + ": has no audio stream";
+    } else {
+        const AVStream* st = fc->streams[a];
+        AudioFacts& f = r.audio;
+        f.container = fc->iformat->name;
+        f.codec = avcodec_get_name(st->codecpar->codec_id);
+        f.rate = st->codecpar->sample_rate;
+        f.channels = st->codecpar->ch_layout.nb_channels;
+        f.opAtom = IsOpAtom(fc.get());
+        TimecodeAndReel(fc.get(), a, &f.timecode, &f.reel);
+        if (f.rate <= 0) {
+            r.audioError = path + ": the audio stream has no sample rate";
+            a = -1;
+        } else {
+            perSample = AVRational{1, f.rate};
+        }
+    }
+
+    // One walk for both: the picture's packets where no index gives its frames, the sound's
+    // always (its length is what its packets hold less what the container says to leave out,
+    // priming at the start and padding at the end, as a decoder honouring the container plays
+    // it). Only the streams walked are read from here on; the packets find_stream_info read
+    // ahead stay queued and come out first, so nothing is missed or counted twice (seeking back
+    // instead loses frames in some demuxers, raw DV among them).
+    const int walkVideo = v >= 0 && !mov ? v : -1;
+    AudioWalk aw;
+    if (walkVideo >= 0 || a >= 0) {
+        for (unsigned i = 0; i < fc->nb_streams; ++i) {
+            const int k = static_cast<int>(i);
+            fc->streams[i]->discard = k == walkVideo || k == a ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+        }
+        const AVRational audioBase = a >= 0 ? fc->streams[a]->time_base : AVRational{1, 1};
+        PacketPtr pkt(av_packet_alloc());
+        while (av_read_frame(fc.get(), pkt.get()) >= 0) {
+            if (pkt->stream_index == walkVideo) TakeVideoPacket(*pkt, &vw);
+            if (pkt->stream_index == a) TakeAudioPacket(*pkt, audioBase, perSample, &aw);
+            av_packet_unref(pkt.get());
+        }
+    }
+
+    if (v >= 0) {
+        FinishVideo(fc.get(), fc->streams[v], vw, &r.video);
+        r.haveVideo = true;
+    }
+    if (a >= 0) {
+        const AVStream* st = fc->streams[a];
+        AudioFacts& f = r.audio;
+        f.startSkip = aw.startSkip;
+        if (aw.timed && aw.total > 0) f.samples = std::max<std::int64_t>(0, aw.total - aw.skipped);
+        // A movie's edit says how long the sound plays; it also cuts the last block's padding.
+        if (st->duration != AV_NOPTS_VALUE && st->duration > 0 && mov) {
+            const std::int64_t edit = av_rescale_q(st->duration, st->time_base, perSample);
+            f.samples = f.samples < 0 ? edit : std::min(f.samples, edit);
+        }
+        if (f.samples < 0 && fc->duration != AV_NOPTS_VALUE && fc->duration > 0)
+            f.samples = av_rescale_q(fc->duration, AV_TIME_BASE_Q, perSample);
+        f.known = true;
+        r.haveAudio = true;
+    }
+    return r;
+}
+
+// The last source read, kept while the file stays as it was (same size, same modification
+// time): the readers of its picture and sound, and the tape block at the end, ask in turn.
+SourceRead ReadSourceOnce(const std::string& path)
+{
+    static std::mutex mutex;
+    static std::string lastPath;
+    static std::uintmax_t lastSize = 0;
+    static std::filesystem::file_time_type lastTime;
+    static std::optional<SourceRead> last;
+    std::error_code sizeError, timeError;
+    const std::uintmax_t size = std::filesystem::file_size(path, sizeError);
+    const std::filesystem::file_time_type time = std::filesystem::last_write_time(path, timeError);
+    const bool keyed = !sizeError && !timeError;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (keyed && last && lastPath == path && lastSize == size && lastTime == time) return *last;
+    SourceRead r = ReadSource(path);
+    if (keyed) {
+        lastPath = path;
+        lastSize = size;
+        lastTime = time;
+        last = r;
+    } else {
+        last.reset();
+    }
+    return r;
+}
+
+}  // namespace
+
+bool ReadVideoFacts(const std::string& path, VideoFacts* facts, std::string* error)
+{
+    *facts = VideoFacts{};
+    SourceRead r = ReadSourceOnce(path);
+    if (!r.error.empty() || !r.haveVideo) {
+        if (error) *error = !r.error.empty() ? r.error : r.videoError;
+        return false;
+    }
+    *facts = std::move(r.video);
     return true;
 }
 
 bool ReadAudioFacts(const std::string& path, AudioFacts* facts, std::string* error)
 {
     *facts = AudioFacts{};
-    FormatPtr fc;
-    if (!Open(path, &fc, error)) return false;
-    const int index = av_find_best_stream(fc.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-    if (index < 0) {
-        if (error) *error = path + ": has no audio stream";
+    SourceRead r = ReadSourceOnce(path);
+    if (!r.error.empty() || !r.haveAudio) {
+        if (error) *error = !r.error.empty() ? r.error : r.audioError;
         return false;
     }
-    AVStream* st = fc->streams[index];
-    AudioFacts f;
-    f.container = fc->iformat->name;
-    f.codec = avcodec_get_name(st->codecpar->codec_id);
-    f.rate = st->codecpar->sample_rate;
-    f.channels = st->codecpar->ch_layout.nb_channels;
-    f.opAtom = IsOpAtom(fc.get());
-    TimecodeAndReel(fc.get(), index, &f.timecode, &f.reel);
-    if (f.rate <= 0) {
-        if (error) *error = path + ": the audio stream has no sample rate";
-        return false;
-    }
-    const AVRational perSample{1, f.rate};
-
-    // The sound's length is what its packets hold less what the container says to leave out
-    // (priming at the start, padding at the end), as a decoder honouring the container plays it.
-    OnlyStream(fc.get(), index);
-    PacketPtr pkt(av_packet_alloc());
-    std::int64_t total = 0, skipped = 0;
-    bool first = true, timed = true;
-    while (av_read_frame(fc.get(), pkt.get()) >= 0) {
-        if (pkt->stream_index == index) {
-            if (pkt->duration > 0) {
-                total += av_rescale_q(pkt->duration, st->time_base, perSample);
-            } else {
-                timed = false;
-            }
-            std::size_t size = 0;
-            if (const std::uint8_t* side = av_packet_get_side_data(pkt.get(), AV_PKT_DATA_SKIP_SAMPLES, &size);
-                side && size >= 8) {
-                const std::int64_t start = AV_RL32(side), end = AV_RL32(side + 4);
-                if (first) f.startSkip = start;
-                skipped += start + end;
-            }
-            first = false;
-        }
-        av_packet_unref(pkt.get());
-    }
-    if (timed && total > 0) f.samples = std::max<std::int64_t>(0, total - skipped);
-    // A movie's edit says how long the sound plays; it also cuts the last block's padding.
-    if (st->duration != AV_NOPTS_VALUE && st->duration > 0 && IsMov(fc.get())) {
-        const std::int64_t edit = av_rescale_q(st->duration, st->time_base, perSample);
-        f.samples = f.samples < 0 ? edit : std::min(f.samples, edit);
-    }
-    if (f.samples < 0 && fc->duration != AV_NOPTS_VALUE && fc->duration > 0)
-        f.samples = av_rescale_q(fc->duration, AV_TIME_BASE_Q, perSample);
-    f.known = true;
-    *facts = std::move(f);
+    *facts = std::move(r.audio);
     return true;
 }
 
@@ -300,16 +405,13 @@ bool ReadTapeAndTimecode(const std::string& path, std::string* tape, std::string
 {
     *tape = "";
     *timecode = "00:00:00:00";
-    FormatPtr fc;
-    if (!Open(path, &fc, error)) return false;
-    int index = av_find_best_stream(fc.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (index < 0) index = av_find_best_stream(fc.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
-    if (index < 0) {
-        if (error) *error = path + ": has neither picture nor sound";
+    const SourceRead r = ReadSourceOnce(path);
+    if (!r.error.empty() || !r.haveTape) {
+        if (error) *error = !r.error.empty() ? r.error : r.tapeError;
         return false;
     }
-    std::string tc, reel;
-    TimecodeAndReel(fc.get(), index, &tc, &reel);
+    const std::string& tc = r.timecode;
+    const std::string& reel = r.reel;
     // Only the block's own form is taken: two digits, a separator, ... eleven characters.
     const bool wellFormed = tc.size() == 11 && tc[2] == ':' && tc[5] == ':' && (tc[8] == ':' || tc[8] == ';' || tc[8] == '.') &&
                             std::all_of(tc.begin(), tc.end(), [](char c) { return (c >= '0' && c <= '9') || c == ':' || c == ';' || c == '.'; });

@@ -2,8 +2,11 @@
 // the true number of video frames (containers without an index have their packets counted,
 // as libavformat does for its own durations), whether the frame rate varies, the rotation the
 // container asks for, the pixel aspect ratio, the start timecode and reel name, and for sound
-// the priming and padding the container signals. Read once when a reader opens a file; the
-// graph itself still decodes.
+// the priming and padding the container signals. The graph itself still decodes.
+//
+// A source is opened and walked once for all of these: the readers of its picture and sound
+// and the tape block ask in turn, and the last source's reading is kept for as long as the
+// file keeps its size and modification time.
 #pragma once
 
 #include <cstdint>

@@ -33,6 +33,41 @@ TEST(SourceFacts, UncompressedSoundLengthIsExactInEveryContainer)
     }
 }
 
+// A transport stream has no index: its picture's frames and its sound's length come from one
+// walk through its packets, and must agree with what ffmpeg decodes. The reading is kept for
+// the next reader of the same file, but not once the file has been replaced.
+TEST(SourceFacts, PictureSoundAndTapeComeFromOneReadingThatAChangedFileRenews)
+{
+    test::TempDir dir;
+    const std::string path = dir / "camera.ts";
+    const auto make = [&](int rate, double seconds) {
+        const std::string d = std::to_string(seconds);
+        return Ffmpeg("-f lavfi -i testsrc2=size=320x240:rate=" + std::to_string(rate) + ":duration=" + d +
+                      " -f lavfi -i sine=frequency=1000:sample_rate=48000:duration=" + d +
+                      " -c:v mpeg2video -c:a mp2 -f mpegts '" + path + "'");
+    };
+    for (const auto& [rate, seconds] : {std::pair{25, 2.0}, std::pair{30, 3.0}}) {
+        SCOPED_TRACE(rate);
+        ASSERT_EQ(make(rate, seconds), "");
+        VideoFacts video;
+        AudioFacts audio;
+        std::string why, tape, timecode;
+        ASSERT_TRUE(ReadVideoFacts(path, &video, &why)) << why;
+        ASSERT_TRUE(ReadAudioFacts(path, &audio, &why)) << why;
+        ASSERT_TRUE(ReadTapeAndTimecode(path, &tape, &timecode, &why)) << why;
+        EXPECT_EQ(video.frames, ProbeFrames(path));
+        EXPECT_EQ(video.frames, static_cast<std::int64_t>(rate * seconds));
+        EXPECT_EQ(video.rateNum, rate);
+        EXPECT_EQ(video.rateDen, 1);
+        EXPECT_FALSE(video.variableRate);
+        EXPECT_EQ(audio.rate, 48000);
+        EXPECT_EQ(audio.samples, FfmpegSoundFrames(path));
+        EXPECT_NEAR(static_cast<double>(audio.samples), 48000 * seconds, 1152);  // whole 1152-sample blocks
+        EXPECT_EQ(video.container, "mpegts");
+        EXPECT_EQ(audio.codec, "mp2");
+    }
+}
+
 // Six channels, a distinct tone each (FL, FR, FC, LFE, SL, SR), in a lossless file and in
 // the surround codecs editors receive. The channels are mapped by name: left to guess, the
 // joining filter puts the first (mono, hence "centre") input on the centre.
