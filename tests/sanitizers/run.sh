@@ -47,7 +47,10 @@ export TSAN_OPTIONS="${TSAN_OPTIONS:-suppressions=$supp/tsan.supp:halt_on_error=
 # under its frames): they run under ASan and UBSan without the leak check.
 #   the GIF readers: GStreamer's libav GIF path leaves 24-byte blocks allocated on its own
 #   streaming thread (one or two per file, nothing of ours on the stack).
-no_leak_check='^(Alpha\.GifHasAlphaOnlyWithATransparentColour|Formats/(Matrix\.GraphRoute|ConversionMatrix\.[A-Za-z]+)/gif_anim)( |$)'
+#   the DNxHD movie conversion: the leak check itself dies at exit ("Tracer caught signal 11"
+#   on a dynamic TLS block whose bounds are garbage, 0x2708-0x80000380a); with the TLS scan
+#   off it reports only glib's thread-local caches, and the test is clean without the check.
+no_leak_check='^(Alpha\.GifHasAlphaOnlyWithATransparentColour|Formats/(Matrix\.GraphRoute|ConversionMatrix\.[A-Za-z]+)/gif_anim|Formats/ConversionMatrix\.[A-Za-z]+/mov_dnxhd)( |$)'
 if [[ "$kind" == asan ]]; then
   status=0
   nice -n 10 ctest --test-dir "$build" -j1 --output-on-failure --timeout 1800 -E "$no_leak_check" "$@" || status=$?
