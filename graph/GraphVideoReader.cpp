@@ -59,26 +59,6 @@ bool GifFirstFrameTransparent(const std::string& path)
     return false;
 }
 
-// The frame sink reads pictures through their layout description and offers a pool that can
-// lay them out as the decoder wishes. Without both, a decoder whose frames carry padding (every
-// 1080-line H.264 stream is coded 1088 lines high) copies each whole picture into unpadded rows
-// before handing it over.
-GstPadProbeReturn AcceptLaidOutFrames(GstPad*, GstPadProbeInfo* info, gpointer)
-{
-    GstQuery* query = GST_PAD_PROBE_INFO_QUERY(info);
-    if (!query || GST_QUERY_TYPE(query) != GST_QUERY_ALLOCATION) return GST_PAD_PROBE_OK;
-    if (!gst_query_find_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr))
-        gst_query_add_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr);
-    GstCaps* caps = nullptr;
-    gst_query_parse_allocation(query, &caps, nullptr);
-    GstVideoInfo video;
-    if (gst_query_get_n_allocation_pools(query) == 0 && caps && gst_video_info_from_caps(&video, caps)) {
-        gst::Ref<GstBufferPool> pool(gst_video_buffer_pool_new());
-        gst_query_add_allocation_pool(query, pool.get(), static_cast<guint>(GST_VIDEO_INFO_SIZE(&video)), 0, 0);
-    }
-    return GST_PAD_PROBE_OK;
-}
-
 }  // namespace
 
 CGraphVideoReader::CGraphVideoReader() = default;
@@ -136,8 +116,6 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
         };
         callbacks.eos = [](GstAppSink*, gpointer self) { static_cast<CGraphVideoReader*>(self)->DeliverEnd(); };
         gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, this, nullptr);
-        if (gst::Ref<GstPad> in{gst_element_get_static_pad(sink, "sink")})
-            gst_pad_add_probe(in.get(), GST_PAD_PROBE_TYPE_QUERY_DOWNSTREAM, AcceptLaidOutFrames, nullptr, nullptr);
         GstElement* flip = nullptr;
         if (rotation != 0) {
             flip = gst_element_factory_make("videoflip", nullptr);
