@@ -3,6 +3,7 @@
 #include <immintrin.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 
@@ -16,10 +17,12 @@ constexpr int kVerticalShift = 8;                                               
 constexpr int kHorizontalShift = 2 * PlaneScaler::kWeightBits - kVerticalShift;   // back to 8 bits
 constexpr int kVectorBlock = 16;                                                  // samples per vector load
 
+std::atomic<bool> vectorAllowed{true};
+
 bool HaveAvx2()
 {
     static const bool avx2 = __builtin_cpu_supports("avx2");
-    return avx2;
+    return avx2 && vectorAllowed.load(std::memory_order_relaxed);
 }
 
 double KernelWeight(PlaneScaler::Kernel kernel, double x)
@@ -158,6 +161,11 @@ __attribute__((target("avx2"))) void HorizontalAvx2(const std::int16_t* row, con
 }
 
 }  // namespace
+
+void PlaneScaler::AllowVectorCode(bool allow)
+{
+    vectorAllowed.store(allow, std::memory_order_relaxed);
+}
 
 PlaneScaler::Filter PlaneScaler::MakeFilter(int srcSize, int dstSize, Kernel kernel, int window, double ratio,
                                             double phase)

@@ -56,6 +56,10 @@ public:
     static Filter MakeFilter(int srcSize, int dstSize, Kernel kernel, int window = 0, double ratio = 0,
                              double phase = 0);
 
+    // For tests: false makes every scaler configured afterwards run the plain arithmetic even on
+    // a processor with vector units, so the two can be compared byte for byte.
+    static void AllowVectorCode(bool allow);
+
 private:
     static void Keep(Filter& f, int first, int count);
 

@@ -206,3 +206,81 @@ TEST(PlaneScaler, RefusesSizesItCannotMake)
     EXPECT_FALSE(scaler.Configure(10, 10, 10, 40000, PlaneScaler::Kernel::Bicubic));
     EXPECT_TRUE(scaler.Configure(1, 1, 3, 3, PlaneScaler::Kernel::Bicubic));
 }
+
+namespace {
+
+// Full-range noise and single-sample stripes: the largest overshoots the cubic makes, so the
+// clamps at both ends of the 8-bit range are met.
+Plane Harsh(int w, int h, unsigned seed)
+{
+    Plane p = MakePlane(w, h, 3, 0xEE);
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<int> byte(0, 255);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            p.Row(y)[x] = (x / 97 + y / 61) % 2 ? static_cast<std::uint8_t>(byte(rng)) : ((x + y) % 2 ? 255 : 0);
+    return p;
+}
+
+struct Job {
+    PlaneScaler::Kernel kernel;
+    int dw, dh;
+    zub::PlaneWindow window;
+    double ratioX = 0, ratioY = 0, phaseX = 0;
+};
+
+Plane ScaleWith(const Plane& src, const Job& r, bool vector)
+{
+    PlaneScaler::AllowVectorCode(vector);
+    PlaneScaler scaler;
+    const int w = r.window.width ? r.window.width : r.dw, h = r.window.height ? r.window.height : r.dh;
+    Plane out = MakePlane(w, h, 5, 0xEE);
+    EXPECT_TRUE(scaler.Configure(src.width, src.height, r.dw, r.dh, r.kernel, r.window, r.ratioX, r.ratioY, r.phaseX));
+    scaler.Scale(src.bytes.data(), src.stride, out.bytes.data(), out.stride);
+    PlaneScaler::AllowVectorCode(true);
+    return out;
+}
+
+}  // namespace
+
+TEST(PlaneScaler, VectorCodeMakesThePlainArithmeticsVeryBytes)
+{
+    if (!__builtin_cpu_supports("avx2")) GTEST_SKIP() << "this processor has no AVX2: only the plain code runs here";
+    std::vector<std::pair<int, int>> sources = {
+        {1920, 1080}, {960, 540}, {1280, 720}, {640, 360}, {1918, 1078}, {959, 539}, {640, 480}, {720, 486},
+        {3840, 2160}, {7, 5},     {1, 1},     {16, 16},   {17, 9},     {31, 33},   {32, 32},   {33, 31},
+        {47, 20},     {48, 21},   {63, 64},   {65, 66},   {100, 3},    {2, 200},   {4096, 7},  {719, 485}};
+    std::vector<std::pair<int, int>> targets = {{720, 486}, {360, 486}, {719, 485}, {13, 11}, {1, 1},
+                                                {64, 33},   {361, 243}, {8, 900},   {1500, 2}};
+    unsigned seed = 1;
+    int runs = 0;
+    for (const auto& [sw, sh] : sources) {
+        const Plane pictures[] = {Picture(sw, sh, seed++, 7), Harsh(sw, sh, seed++)};
+        for (const auto& [dw, dh] : targets)
+            for (PlaneScaler::Kernel kernel : {PlaneScaler::Kernel::Bicubic, PlaneScaler::Kernel::Bilinear}) {
+                std::vector<Job> shapes = {{kernel, dw, dh, {}}};
+                // A part of the picture, and a chroma plane at its picture's own ratio and phase.
+                if (dw > 4 && dh > 4) shapes.push_back({kernel, dw, dh, {dw / 3, dh / 4, dw - dw / 3 - 1, dh / 2}});
+                shapes.push_back({kernel, dw, dh, {}, static_cast<double>(sw) / dw * 1.003,
+                                  static_cast<double>(sh) / dh * 0.997, 0.5});
+                for (const Job& r : shapes)
+                    for (const Plane& src : pictures) {
+                        SCOPED_TRACE(std::to_string(sw) + "x" + std::to_string(sh) + " -> " + std::to_string(dw) + "x" +
+                                     std::to_string(dh) + (kernel == PlaneScaler::Kernel::Bicubic ? " bicubic" : " bilinear") +
+                                     " window " + std::to_string(r.window.x) + "," + std::to_string(r.window.y) +
+                                     " ratio " + std::to_string(r.ratioX));
+                        const Plane plain = ScaleWith(src, r, false), vector = ScaleWith(src, r, true);
+                        ASSERT_EQ(plain.bytes.size(), vector.bytes.size());
+                        int differ = 0, first = -1;
+                        for (std::size_t i = 0; i < plain.bytes.size(); ++i)
+                            if (plain.bytes[i] != vector.bytes[i]) {
+                                if (first < 0) first = static_cast<int>(i);
+                                ++differ;
+                            }
+                        EXPECT_EQ(differ, 0) << "first at byte " << first;
+                        ++runs;
+                    }
+            }
+    }
+    EXPECT_GT(runs, 900);
+}
