@@ -62,6 +62,18 @@ public:
 
 private:
     static void Keep(Filter& f, int first, int count);
+    void PlanRowPairs();
+
+    // The vector pass makes two output rows at a time from one run of source rows taken in
+    // pairs: each pair is widened once and serves both rows (whose windows mostly overlap).
+    // Each output row has one weight pair per source pair (zero outside its own window).
+    struct RowPair {
+        int first = 0;         // the run's first source row
+        int pairs = 0;         // source row pairs in the run
+        int endUpper = 0;      // the upper row's weights are zero from this pair on
+        int beginLower = 0;    // and the lower row's before this one
+        std::size_t weights = 0;  // offset of the upper row's pair weights; the lower row's follow
+    };
 
     int srcW_ = 0, srcH_ = 0, dstW_ = 0, dstH_ = 0;  // dst: the window's size
     int scaledW_ = 0, scaledH_ = 0;
@@ -70,7 +82,9 @@ private:
     Kernel kernel_ = Kernel::Bicubic;
     Filter h_, v_;
     bool vector_ = false;
-    std::vector<std::int16_t> column_;  // one row filtered down, before it is filtered across
+    std::vector<RowPair> rowPairs_;
+    std::vector<std::int32_t> pairWeights_;  // two 16-bit weights per word, the upper row's in the low half
+    std::vector<std::int16_t> column_;  // two rows filtered down, before they are filtered across
 };
 
 }  // namespace zub
