@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <future>
+#include <optional>
 
 extern "C" {
 #include <libavutil/frame.h>
@@ -214,10 +216,14 @@ bool ConvertSession::Init()
     // frame path takes whenever the fit is a plain scale), so Convert need not open it again;
     // the reader describes the picture the same either way.
     graphVideo_->SetPlanarOutput(!dlg_.serverMode_ && !std::getenv("ZUBIMPORT_CONVERT_PACKED"));
-    if (graphUsable_ && !isMov_ && !dlg_.audioOnly_) hasVideo_ = graphVideo_->OpenVideo(src, &why) ? 1 : 0;
+    // The sound's probe graph runs beside the picture's: the picture's start is mostly one
+    // core decoding the first frames.
     std::string audioWhy;
-    if (graphUsable_ && !isMov_) hasAudio_ = graphAudio_->OpenAudio(src, &audioWhy) ? 1 : 0;
-
+    std::future<bool> audioOpened;
+    if (graphUsable_ && !isMov_)
+        audioOpened = std::async(std::launch::async, [this, src, &audioWhy] { return graphAudio_->OpenAudio(src, &audioWhy); });
+    if (graphUsable_ && !isMov_ && !dlg_.audioOnly_) hasVideo_ = graphVideo_->OpenVideo(src, &why) ? 1 : 0;
+    if (audioOpened.valid()) hasAudio_ = audioOpened.get() ? 1 : 0;
     // 6. A rate the graph cannot tell leaves the budget to the volume's free space.
     if (hasVideo_ && graphVideo_->TimePerFrame() == 0) Say(kUnknownRate, Buttons::Ok, Icon::Warning, 0, true);
 
@@ -227,6 +233,14 @@ bool ConvertSession::Init()
         graphAudio_.reset();
         qtVideo_ = std::make_unique<CQuickTimeVideoSource>();
         qtAudio_ = std::make_unique<CQuickTimeAudioSource>();
+        // The container's own account of the picture is read beside the movie's opening:
+        // each decodes the first frames, which for camera footage is a tenth of a second.
+        std::future<std::optional<VideoFacts>> movieFacts;
+        if (!dlg_.audioOnly_)
+            movieFacts = std::async(std::launch::async, [src] {
+                VideoFacts facts;
+                return ReadVideoFacts(src, &facts) ? std::optional<VideoFacts>(facts) : std::nullopt;
+            });
         if (qtVideo_->Start()) {
             if (!dlg_.audioOnly_ && qtVideo_->Open(src.c_str())) {
                 int w = 0, h = 0;
@@ -239,13 +253,11 @@ bool ConvertSession::Init()
         if (!hasAudio_) qtAudio_.reset();
         // The movie route steps sample by sample; whether the samples' durations vary, and
         // over what span, comes from the container as the graph route has it.
-        if (qtVideo_) {
-            VideoFacts facts;
-            if (ReadVideoFacts(src, &facts)) {
-                if (facts.variableRate && facts.span > 0) movieSpan_ = facts.span;
-                movieParNum_ = facts.parNum;
-                movieParDen_ = facts.parDen;
-            }
+        const std::optional<VideoFacts> facts = movieFacts.valid() ? movieFacts.get() : std::nullopt;
+        if (qtVideo_ && facts) {
+            if (facts->variableRate && facts->span > 0) movieSpan_ = facts->span;
+            movieParNum_ = facts->parNum;
+            movieParDen_ = facts->parDen;
         }
     } else {
         if (!hasVideo_) graphVideo_.reset();

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <future>
+#include <iterator>
 #include <vector>
 
 #include "graph/DecodeGraph.h"
@@ -59,6 +61,20 @@ bool GifFirstFrameTransparent(const std::string& path)
     return false;
 }
 
+// Whether the file could be MXF: the SMPTE key of a partition pack within the run-in that
+// may precede the header (at most 64 KiB). Only MXF can be OP-Atom, which the graph must not
+// be given as it is.
+bool MayBeMxf(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::vector<unsigned char> d(64 * 1024 + 16);
+    in.read(reinterpret_cast<char*>(d.data()), static_cast<std::streamsize>(d.size()));
+    d.resize(static_cast<std::size_t>(in.gcount()));
+    static constexpr unsigned char kPartitionKey[] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x05, 0x01, 0x01,
+                                                      0x0D, 0x01, 0x02, 0x01, 0x01};
+    return std::search(d.begin(), d.end(), std::begin(kPartitionKey), std::end(kPartitionKey)) != d.end();
+}
+
 }  // namespace
 
 CGraphVideoReader::CGraphVideoReader() = default;
@@ -84,15 +100,25 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
     std::string why;
     if (!initialised_ && !Init(&why)) return fail(why);
     path_ = path;
-    // What libavformat can tell beyond the graph; a file it cannot read is still decoded by
-    // the graph with the graph's own numbers.
-    ReadVideoFacts(path, &facts_, nullptr);
-    // A source the graph cannot read as it is (MXF OP-Atom) is read from a copy of its streams.
-    if (facts_.opAtom && !MakeGraphCopy(path, &facts_.graphCopy, &why)) return fail(why);
-    const int rotation = facts_.rotation;
-    const bool opaqueGif = facts_.known && facts_.codec == "gif" && !GifFirstFrameTransparent(path);
+    // What libavformat can tell beyond the graph. Reading it decodes the first frames, as
+    // the graph's own start does, so the two go side by side: the graph needs the facts only
+    // once its decoder has a picture to hand over. A file libavformat cannot read is still
+    // decoded by the graph with the graph's own numbers. A source the graph cannot read as it
+    // is (MXF OP-Atom) is read from a copy of its streams, which must exist before the graph.
+    std::shared_future<VideoFacts> facts = std::async(std::launch::async, [path] {
+        VideoFacts f;
+        ReadVideoFacts(path, &f, nullptr);
+        return f;
+    }).share();
+    if (MayBeMxf(path)) {
+        facts_ = facts.get();
+        if (facts_.opAtom && !MakeGraphCopy(path, &facts_.graphCopy, &why)) return fail(why);
+    }
     graph_ = std::make_unique<gst::DecodeGraph>();
-    auto builder = [this, rotation, opaqueGif](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
+    auto builder = [this, facts, path](GstBin* bin, GstCaps* decoded, std::string* reason) -> GstElement* {
+        const VideoFacts& known = facts.get();
+        const int rotation = known.rotation;
+        const bool opaqueGif = known.known && known.codec == "gif" && !GifFirstFrameTransparent(path);
         GstVideoInfo info;
         const bool alpha = gst_video_info_from_caps(&info, decoded) && GST_VIDEO_INFO_HAS_ALPHA(&info) && !opaqueGif;
         decodedAlpha_ = alpha;
@@ -139,6 +165,7 @@ bool CGraphVideoReader::OpenVideo(const std::string& path, std::string* error)
     };
     const std::string& graphPath = facts_.graphCopy ? facts_.graphCopy->Path() : path;
     if (!graph_->Build(graphPath, gst::StreamKind::Video, builder, &why) || !graph_->Preroll(&why)) return fail(why);
+    if (!facts_.graphCopy) facts_ = facts.get();
 
     gst::Ref<GstPad> pin(SinkPin());
     std::int64_t timePerFrame = 0;
