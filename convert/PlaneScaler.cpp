@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 namespace zub {
 
@@ -68,11 +69,6 @@ void HorizontalPlain(const std::int16_t* row, const PlaneScaler::Filter& f, int 
 
 #define ZUB_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
 
-ZUB_AVX2_INLINE __m256i Finish(__m256i sum, __m256i round)
-{
-    return _mm256_srai_epi32(_mm256_add_epi32(sum, round), kVerticalShift);
-}
-
 // Weights packed for a multiply-add of a source pair: the pair's first row in the low half.
 std::int32_t PairWeight(std::int16_t first, std::int16_t second)
 {
@@ -80,45 +76,72 @@ std::int32_t PairWeight(std::int16_t first, std::int16_t second)
                                      static_cast<std::uint16_t>(first));
 }
 
-// Thirty-two samples of one source row pair, as four vectors of (first, second) 16-bit pairs:
-// columns 0-3 and 16-19, 4-7 and 20-23, 8-11 and 24-27, 12-15 and 28-31. Interleaving the
-// bytes before widening them takes six shuffles where widening each row first takes eight,
-// and shuffles, not multiplies, are what this pass waits on.
+// Sixteen of thirty-two samples of one source row pair, as two vectors of (first, second)
+// 16-bit pairs: columns 0-3 and 16-19 with 4-7 and 20-23 (Half 0), or 8-11 and 24-27 with
+// 12-15 and 28-31 (Half 1). Interleaving the bytes before widening them takes three shuffles
+// per half where widening each row first takes four, and shuffles, not multiplies, are what
+// this pass waits on.
 struct Pairs {
-    __m256i q0, q1, q2, q3;
+    __m256i q0, q1;
 };
 
+template <int Half>
 ZUB_AVX2_INLINE Pairs LoadPairs(const std::uint8_t* a, const std::uint8_t* b)
 {
     const __m256i ra = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(a));
     const __m256i rb = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(b));
     const __m256i zero = _mm256_setzero_si256();
-    const __m256i lo = _mm256_unpacklo_epi8(ra, rb), hi = _mm256_unpackhi_epi8(ra, rb);
-    return {_mm256_unpacklo_epi8(lo, zero), _mm256_unpackhi_epi8(lo, zero), _mm256_unpacklo_epi8(hi, zero),
-            _mm256_unpackhi_epi8(hi, zero)};
+    const __m256i ab = Half == 0 ? _mm256_unpacklo_epi8(ra, rb) : _mm256_unpackhi_epi8(ra, rb);
+    return {_mm256_unpacklo_epi8(ab, zero), _mm256_unpackhi_epi8(ab, zero)};
 }
 
 struct Sums {
-    __m256i s0, s1, s2, s3;
+    __m256i s0, s1;
 };
 
 ZUB_AVX2_INLINE void Add(Sums& sums, const Pairs& p, const std::int32_t* weight)
 {
-    const __m256i w = _mm256_set1_epi32(*weight);
+    const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(weight));
     sums.s0 = _mm256_add_epi32(sums.s0, _mm256_madd_epi16(p.q0, w));
     sums.s1 = _mm256_add_epi32(sums.s1, _mm256_madd_epi16(p.q1, w));
-    sums.s2 = _mm256_add_epi32(sums.s2, _mm256_madd_epi16(p.q2, w));
-    sums.s3 = _mm256_add_epi32(sums.s3, _mm256_madd_epi16(p.q3, w));
 }
 
-// Rounds, saturates as VerticalValue does, and puts the columns back in order.
-ZUB_AVX2_INLINE void Store(const Sums& sums, std::int16_t* out)
+// Rounded and saturated as VerticalValue does: Half 0 gives columns 0-7 and 16-23, Half 1
+// columns 8-15 and 24-31.
+ZUB_AVX2_INLINE __m256i Finish(const Sums& sums)
 {
     const __m256i round = _mm256_set1_epi32(1 << (kVerticalShift - 1));
-    const __m256i a = _mm256_packs_epi32(Finish(sums.s0, round), Finish(sums.s1, round));  // 0-7, 16-23
-    const __m256i b = _mm256_packs_epi32(Finish(sums.s2, round), Finish(sums.s3, round));  // 8-15, 24-31
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), _mm256_permute2x128_si256(a, b, 0x20));
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + kVectorBlock), _mm256_permute2x128_si256(a, b, 0x31));
+    return _mm256_packs_epi32(_mm256_srai_epi32(_mm256_add_epi32(sums.s0, round), kVerticalShift),
+                              _mm256_srai_epi32(_mm256_add_epi32(sums.s1, round), kVerticalShift));
+}
+
+// One half of thirty-two samples for both rows; the halves are made one after the other so
+// that the sums of both rows stay in registers.
+template <int Half>
+ZUB_AVX2_INLINE void VerticalHalf(const std::uint8_t* const* rows, int x, const std::int32_t* upperWeights,
+                                  const std::int32_t* lowerWeights, int pairs, int endUpper, int beginLower,
+                                  __m256i& upper, __m256i& lower)
+{
+    const __m256i zero = _mm256_setzero_si256();
+    Sums up{zero, zero}, down{zero, zero};
+    int p = 0;
+    for (const int both = std::min(endUpper, beginLower); p < both; ++p)
+        Add(up, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), upperWeights + 8 * p);
+    for (; p < endUpper; ++p) {
+        const Pairs q = LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x);
+        Add(up, q, upperWeights + 8 * p);
+        Add(down, q, lowerWeights + 8 * p);
+    }
+    for (p = std::max(p, beginLower); p < pairs; ++p)
+        Add(down, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + 8 * p);
+    upper = Finish(up);
+    lower = Finish(down);
+}
+
+ZUB_AVX2_INLINE void Store(__m256i half0, __m256i half1, std::int16_t* out)
+{
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), _mm256_permute2x128_si256(half0, half1, 0x20));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + kVectorBlock), _mm256_permute2x128_si256(half0, half1, 0x31));
 }
 
 // Two output rows (the lower one only when `lower` is given) from `pairs` source row pairs,
@@ -131,95 +154,94 @@ __attribute__((target("avx2"))) void VerticalPairAvx2(const std::uint8_t* const*
                                                         int aheadCount)
 {
     if (!lower) endUpper = std::min(endUpper, pairs), beginLower = pairs;
-    const int both = std::min(endUpper, beginLower);
     for (int x = 0; x + 2 * kVectorBlock <= count; x += 2 * kVectorBlock) {
         // The rows the next run adds are fetched while this one is worked on: they come from a
         // picture the decoder has only just written, often on the other core.
         for (int r = 0; r < aheadCount; ++r) _mm_prefetch(reinterpret_cast<const char*>(ahead[r] + x), _MM_HINT_T0);
-        const __m256i zero = _mm256_setzero_si256();
-        Sums up{zero, zero, zero, zero}, down{zero, zero, zero, zero};
-        int p = 0;
-        for (; p < both; ++p) Add(up, LoadPairs(rows[2 * p] + x, rows[2 * p + 1] + x), upperWeights + p);
-        for (; p < endUpper; ++p) {
-            const Pairs q = LoadPairs(rows[2 * p] + x, rows[2 * p + 1] + x);
-            Add(up, q, upperWeights + p);
-            Add(down, q, lowerWeights + p);
-        }
-        for (p = std::max(p, beginLower); p < pairs; ++p) Add(down, LoadPairs(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + p);
-        Store(up, upper + x);
-        if (lower) Store(down, lower + x);
+        __m256i up0, down0, up1, down1;
+        VerticalHalf<0>(rows, x, upperWeights, lowerWeights, pairs, endUpper, beginLower, up0, down0);
+        VerticalHalf<1>(rows, x, upperWeights, lowerWeights, pairs, endUpper, beginLower, up1, down1);
+        Store(up0, up1, upper + x);
+        if (lower) Store(down0, down1, lower + x);
     }
 }
 
-// One output's products over a window of `Blocks` x 16 samples, as eight partial sums.
-template <int Blocks>
-ZUB_AVX2_INLINE __m256i Dot(const std::int16_t* s, const std::int16_t* w, int width)
+// Eight rows filtered across together. The rows are first laid out as column pairs, one
+// vector per pair holding that pair of every row (row r in 32-bit lane r), so that one
+// multiply-add applies two taps to all eight rows and every lane ends with a finished sum:
+// no window padded to a vector's width and no adding up of partial sums per output, which
+// is what filtering each row on its own spent most of its time on. A window starting on an
+// odd column uses the pair before it with a zero first weight, so only the pairs starting on
+// even columns are laid out.
+__attribute__((target("avx2"))) void LayOutPairs(const std::int16_t* const* rows, int pairs, __m256i* laid)
 {
-    __m256i a = _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s)),
-                                  _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w)));
-    const int blocks = Blocks > 0 ? Blocks : width / kVectorBlock;
-    for (int c = 1; c < blocks; ++c)
-        a = _mm256_add_epi32(a, _mm256_madd_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + c * kVectorBlock)),
-                                                  _mm256_loadu_si256(reinterpret_cast<const __m256i*>(w + c * kVectorBlock))));
-    return a;
+    for (int c = 0; 4 * c < pairs; ++c) {
+        const int x = 8 * c;
+        __m256i y[4];
+#pragma GCC unroll 4
+        for (int r = 0; r < 4; ++r)
+            y[r] = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(rows[r + 4] + x),
+                                       reinterpret_cast<const __m128i*>(rows[r] + x));
+        const __m256i t0 = _mm256_unpacklo_epi32(y[0], y[1]), t1 = _mm256_unpackhi_epi32(y[0], y[1]);
+        const __m256i t2 = _mm256_unpacklo_epi32(y[2], y[3]), t3 = _mm256_unpackhi_epi32(y[2], y[3]);
+        _mm256_storeu_si256(laid + 4 * c, _mm256_unpacklo_epi64(t0, t2));
+        _mm256_storeu_si256(laid + 4 * c + 1, _mm256_unpackhi_epi64(t0, t2));
+        _mm256_storeu_si256(laid + 4 * c + 2, _mm256_unpacklo_epi64(t1, t3));
+        _mm256_storeu_si256(laid + 4 * c + 3, _mm256_unpackhi_epi64(t1, t3));
+    }
 }
 
-// Eight outputs per step; their eight partial sums each are added up by a tree of pairwise
-// adds within the 128-bit halves, then across the halves.
-template <int Blocks>
-__attribute__((target("avx2"))) void HorizontalAvx2(const std::int16_t* row, const PlaneScaler::Filter& f, int count,
-                                                      std::uint8_t* out)
+// `rows` (eight, every one readable) filtered across into `out` (its first `count` rows):
+// output i takes `taps` pairs from pair first[i]; the weights go by eight outputs, tap by tap,
+// and both run on to a whole eight (the outputs past the last are made and not stored).
+__attribute__((target("avx2"))) void HorizontalRowsAvx2(const std::int16_t* const* rows, int pairs, __m256i* laid,
+                                                          const int* first, const std::int32_t* weights, int taps,
+                                                          int width, std::uint8_t* const* out, int count)
 {
-    const int width = f.width;
-    const std::int16_t* weights = f.weights.data();
-    const int* start = f.start.data();
+    LayOutPairs(rows, pairs, laid);
+    // Transposes a 4 x 4 block of bytes in each half: (output, row) order to (row, output).
+    const __m256i byRow = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,
+                                           0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
     const __m256i round = _mm256_set1_epi32(1 << (kHorizontalShift - 1));
-    int i = 0;
-    for (; i + 8 <= count; i += 8) {
-        const std::int16_t* w = weights + static_cast<std::size_t>(i) * width;
-        const __m256i a0 = Dot<Blocks>(row + start[i], w, width);
-        const __m256i a1 = Dot<Blocks>(row + start[i + 1], w + width, width);
-        const __m256i a2 = Dot<Blocks>(row + start[i + 2], w + 2 * width, width);
-        const __m256i a3 = Dot<Blocks>(row + start[i + 3], w + 3 * width, width);
-        const __m256i a4 = Dot<Blocks>(row + start[i + 4], w + 4 * width, width);
-        const __m256i a5 = Dot<Blocks>(row + start[i + 5], w + 5 * width, width);
-        const __m256i a6 = Dot<Blocks>(row + start[i + 6], w + 6 * width, width);
-        const __m256i a7 = Dot<Blocks>(row + start[i + 7], w + 7 * width, width);
-        const __m256i u0 = _mm256_hadd_epi32(_mm256_hadd_epi32(a0, a1), _mm256_hadd_epi32(a2, a3));
-        const __m256i u1 = _mm256_hadd_epi32(_mm256_hadd_epi32(a4, a5), _mm256_hadd_epi32(a6, a7));
-        __m256i sum = _mm256_add_epi32(_mm256_permute2x128_si256(u0, u1, 0x20), _mm256_permute2x128_si256(u0, u1, 0x31));
-        sum = _mm256_srai_epi32(_mm256_add_epi32(sum, round), kHorizontalShift);
-        const __m128i words = _mm_packs_epi32(_mm256_castsi256_si128(sum), _mm256_extracti128_si256(sum, 1));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(words, words));
-    }
-    HorizontalPlain(row, f, i, count, out);
-}
-
-// Windows of eight samples: two outputs per multiply-add, one in each 128-bit half, so half
-// the multiplies and half the adding up of a sixteen-sample window.
-__attribute__((target("avx2"))) void HorizontalAvx2Half(const std::int16_t* row, const PlaneScaler::Filter& f, int count,
-                                                          std::uint8_t* out)
-{
-    const std::int16_t* weights = f.weights.data();
-    const int* start = f.start.data();
-    const __m256i round = _mm256_set1_epi32(1 << (kHorizontalShift - 1));
-    int i = 0;
-    for (; i + 8 <= count; i += 8) {
-        __m256i v[4];
-        for (int j = 0; j < 4; ++j) {
-            const int o = i + 2 * j;
-            const __m256i s = _mm256_loadu2_m128i(reinterpret_cast<const __m128i*>(row + start[o + 1]),
-                                                  reinterpret_cast<const __m128i*>(row + start[o]));
-            v[j] = _mm256_madd_epi16(s, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(weights + static_cast<std::size_t>(o) * 8)));
+    for (int i = 0; i < width; i += 8) {
+        // Eight outputs side by side, so that their sums do not wait on one another.
+        const __m256i* at[8];
+#pragma GCC unroll 8
+        for (int k = 0; k < 8; ++k) at[k] = laid + first[i + k];
+        const std::int32_t* w = weights + static_cast<std::size_t>(i) * taps;
+        __m256i v[8];
+#pragma GCC unroll 8
+        for (int k = 0; k < 8; ++k) v[k] = round;
+        for (int p = 0; p < taps; ++p, w += 8)
+#pragma GCC unroll 8
+            for (int k = 0; k < 8; ++k)
+                v[k] = _mm256_add_epi32(v[k], _mm256_madd_epi16(_mm256_loadu_si256(at[k] + p), _mm256_set1_epi32(w[k])));
+#pragma GCC unroll 8
+        for (int k = 0; k < 8; ++k) v[k] = _mm256_srai_epi32(v[k], kHorizontalShift);
+        // Saturated to 16 bits and then to 8, exactly as HorizontalValue clamps.
+        const __m256i b0 = _mm256_shuffle_epi8(
+            _mm256_packus_epi16(_mm256_packs_epi32(v[0], v[1]), _mm256_packs_epi32(v[2], v[3])), byRow);
+        const __m256i b1 = _mm256_shuffle_epi8(
+            _mm256_packus_epi16(_mm256_packs_epi32(v[4], v[5]), _mm256_packs_epi32(v[6], v[7])), byRow);
+        // Eight bytes per row: rows 0, 1 | 4, 5 and rows 2, 3 | 6, 7.
+        const __m256i lo = _mm256_unpacklo_epi32(b0, b1), hi = _mm256_unpackhi_epi32(b0, b1);
+        const int n = std::min(8, width - i);
+        if (n == 8 && count == 8) {
+            const __m128i halves[4] = {_mm256_castsi256_si128(lo), _mm256_castsi256_si128(hi),
+                                       _mm256_extracti128_si256(lo, 1), _mm256_extracti128_si256(hi, 1)};
+#pragma GCC unroll 4
+            for (int h = 0; h < 4; ++h) {
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(out[2 * h] + i), halves[h]);
+                _mm_storeh_pd(reinterpret_cast<double*>(out[2 * h + 1] + i), _mm_castsi128_pd(halves[h]));
+            }
+            continue;
         }
-        // Lower half: outputs 0, 2, 4, 6; upper half: 1, 3, 5, 7.
-        __m256i sum = _mm256_hadd_epi32(_mm256_hadd_epi32(v[0], v[1]), _mm256_hadd_epi32(v[2], v[3]));
-        sum = _mm256_srai_epi32(_mm256_add_epi32(sum, round), kHorizontalShift);
-        const __m128i even = _mm256_castsi256_si128(sum), odd = _mm256_extracti128_si256(sum, 1);
-        const __m128i words = _mm_packs_epi32(_mm_unpacklo_epi32(even, odd), _mm_unpackhi_epi32(even, odd));
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(out + i), _mm_packus_epi16(words, words));
+        alignas(32) std::uint8_t block[64];
+        _mm256_store_si256(reinterpret_cast<__m256i*>(block), lo);
+        _mm256_store_si256(reinterpret_cast<__m256i*>(block + 32), hi);
+        static constexpr int kAt[8] = {0, 8, 32, 40, 16, 24, 48, 56};
+        for (int r = 0; r < count; ++r) std::memcpy(out[r] + i, block + kAt[r], static_cast<std::size_t>(n));
     }
-    HorizontalPlain(row, f, i, count, out);
 }
 
 }  // namespace
@@ -301,19 +323,18 @@ bool PlaneScaler::Configure(int srcWidth, int srcHeight, int dstWidth, int dstHe
     dstH_ = window.height;
     kernel_ = kernel;
     v_ = MakeFilter(srcHeight, dstHeight, kernel, 0, ratioY);
-    // The vector pass reads whole blocks of samples, so its windows are widened to eight
-    // samples or a multiple of sixteen where the source is wide enough.
     h_ = MakeFilter(srcWidth, dstWidth, kernel, 0, ratioX, phaseX);
-    const int block = h_.width <= kVectorBlock / 2 ? kVectorBlock / 2
-                                                   : (h_.width + kVectorBlock - 1) / kVectorBlock * kVectorBlock;
-    vector_ = HaveAvx2() && srcWidth >= block;
-    if (vector_ && block != h_.width) h_ = MakeFilter(srcWidth, dstWidth, kernel, block, ratioX, phaseX);
+    vector_ = HaveAvx2();
     Keep(v_, window.y, window.height);
     Keep(h_, window.x, window.width);
-    column_.assign(2 * (static_cast<std::size_t>(srcWidth) + kVectorBlock), 0);
     rowPairs_.clear();
     pairWeights_.clear();
-    if (vector_) PlanRowPairs();
+    if (vector_) {
+        PlanRowPairs();
+        PlanAcross();
+    } else {
+        column_.assign(static_cast<std::size_t>(srcWidth), 0);
+    }
     return true;
 }
 
@@ -333,10 +354,40 @@ void PlaneScaler::PlanRowPairs()
         std::vector<std::int16_t> upper(2 * r.pairs, 0), down(2 * r.pairs, 0);
         std::copy_n(v_.weights.data() + static_cast<std::size_t>(y) * taps, taps, upper.begin());
         if (lower) std::copy_n(v_.weights.data() + static_cast<std::size_t>(y + 1) * taps, taps, down.begin() + offset);
-        for (int p = 0; p < r.pairs; ++p) pairWeights_.push_back(PairWeight(upper[2 * p], upper[2 * p + 1]));
-        for (int p = 0; p < r.pairs; ++p) pairWeights_.push_back(PairWeight(down[2 * p], down[2 * p + 1]));
+        // Each weight pair stored as a whole vector, so that the multiplies take it straight from
+        // memory and the sixteen registers are left to the sums.
+        for (int p = 0; p < r.pairs; ++p) pairWeights_.insert(pairWeights_.end(), 8, PairWeight(upper[2 * p], upper[2 * p + 1]));
+        for (int p = 0; p < r.pairs; ++p) pairWeights_.insert(pairWeights_.end(), 8, PairWeight(down[2 * p], down[2 * p + 1]));
         rowPairs_.push_back(r);
     }
+}
+
+void PlaneScaler::PlanAcross()
+{
+    const int taps = h_.width;
+    acrossTaps_ = 0;
+    for (int i = 0; i < dstW_; ++i) acrossTaps_ = std::max(acrossTaps_, (h_.start[i] % 2 + taps + 1) / 2);
+    const int padded = (dstW_ + 7) / 8 * 8;
+    acrossFirst_.resize(padded);
+    acrossWeights_.assign(static_cast<std::size_t>(padded) * acrossTaps_, 0);
+    int pairs = 0;
+    std::vector<std::int16_t> w(2 * static_cast<std::size_t>(acrossTaps_));
+    for (int i = 0; i < padded; ++i) {
+        const int o = std::min(i, dstW_ - 1);  // past the last output, the last one again
+        const int lead = h_.start[o] % 2;
+        acrossFirst_[i] = h_.start[o] / 2;
+        std::fill(w.begin(), w.end(), 0);
+        std::copy_n(h_.weights.data() + static_cast<std::size_t>(o) * taps, taps, w.begin() + lead);
+        std::int32_t* out = acrossWeights_.data() + static_cast<std::size_t>(i / 8 * 8) * acrossTaps_ + i % 8;
+        for (int p = 0; p < acrossTaps_; ++p) out[8 * p] = PairWeight(w[2 * p], w[2 * p + 1]);
+        pairs = std::max(pairs, acrossFirst_[i] + acrossTaps_);
+    }
+    // Pairs are laid out four at a time, from eight columns of each row; the columns past the
+    // picture stay zero and only ever meet zero weights.
+    laidPairs_ = (pairs + 3) / 4 * 4;
+    laid_.assign(8 * static_cast<std::size_t>(laidPairs_), 0);
+    midStride_ = (std::max(srcW_, 2 * laidPairs_) + 2 * kVectorBlock) / kVectorBlock * kVectorBlock;
+    column_.assign(8 * static_cast<std::size_t>(midStride_), 0);
 }
 
 void PlaneScaler::Scale(const std::uint8_t* src, std::ptrdiff_t srcStride, std::uint8_t* dst, std::ptrdiff_t dstStride)
@@ -353,42 +404,43 @@ void PlaneScaler::Scale(const std::uint8_t* src, std::ptrdiff_t srcStride, std::
         }
         return;
     }
-    std::int16_t* midLower = mid + srcW_ + kVectorBlock;
     const int vectorWidth = srcW_ / (2 * kVectorBlock) * (2 * kVectorBlock);
+    const int last = srcH_ - 1;
     std::vector<const std::uint8_t*> rows;
     std::vector<const std::uint8_t*> plainRows(taps);
     const std::uint8_t* ahead[8];
-    for (std::size_t n = 0; n < rowPairs_.size(); ++n) {
-        const RowPair& r = rowPairs_[n];
-        const int y = 2 * static_cast<int>(n);
-        const bool lower = y + 1 < dstH_;
-        rows.resize(2 * static_cast<std::size_t>(r.pairs));
-        // A run's last pair may reach one row past the picture; its weights there are zero.
-        const int last = srcH_ - 1;
-        for (int k = 0; k < 2 * r.pairs; ++k) rows[k] = src + std::min(r.first + k, last) * srcStride;
-        int aheadCount = 0;
-        if (n + 1 < rowPairs_.size())
-            for (int s = r.first + 2 * r.pairs; s < rowPairs_[n + 1].first + 2 * rowPairs_[n + 1].pairs && aheadCount < 8; ++s)
-                if (s <= last) ahead[aheadCount++] = src + s * srcStride;
-        const std::int32_t* weights = pairWeights_.data() + r.weights;
-        VerticalPairAvx2(rows.data(), weights, weights + r.pairs, r.pairs, r.endUpper, r.beginLower, srcW_, mid,
-                         lower ? midLower : nullptr, ahead, aheadCount);
-        for (int k = 0; k < (lower ? 2 : 1); ++k) {
-            std::int16_t* out = k ? midLower : mid;
-            const int row = y + k;
-            if (vectorWidth < srcW_) {
-                for (int t = 0; t < taps; ++t) plainRows[t] = src + (v_.start[row] + t) * srcStride + vectorWidth;
-                VerticalPlain(plainRows.data(), v_.weights.data() + static_cast<std::size_t>(row) * taps, taps,
-                              srcW_ - vectorWidth, out + vectorWidth);
-            }
-            std::uint8_t* line = dst + row * dstStride;
-            switch (h_.width) {
-            case kVectorBlock / 2: HorizontalAvx2Half(out, h_, dstW_, line); break;
-            case kVectorBlock: HorizontalAvx2<1>(out, h_, dstW_, line); break;
-            case 2 * kVectorBlock: HorizontalAvx2<2>(out, h_, dstW_, line); break;
-            default: HorizontalAvx2<0>(out, h_, dstW_, line); break;
-            }
+    const std::int16_t* midRows[8];
+    std::uint8_t* outRows[8];
+    for (int y0 = 0; y0 < dstH_; y0 += 8) {
+        const int count = std::min(8, dstH_ - y0);
+        for (int y = y0; y < y0 + count; y += 2) {
+            const std::size_t n = static_cast<std::size_t>(y / 2);
+            const RowPair& r = rowPairs_[n];
+            const bool lower = y + 1 < dstH_;
+            std::int16_t* upper = mid + (y - y0) * midStride_;
+            rows.resize(2 * static_cast<std::size_t>(r.pairs));
+            // A run's last pair may reach one row past the picture; its weights there are zero.
+            for (int k = 0; k < 2 * r.pairs; ++k) rows[k] = src + std::min(r.first + k, last) * srcStride;
+            int aheadCount = 0;
+            if (n + 1 < rowPairs_.size())
+                for (int s = r.first + 2 * r.pairs; s < rowPairs_[n + 1].first + 2 * rowPairs_[n + 1].pairs && aheadCount < 8; ++s)
+                    if (s <= last) ahead[aheadCount++] = src + s * srcStride;
+            const std::int32_t* weights = pairWeights_.data() + r.weights;
+            VerticalPairAvx2(rows.data(), weights, weights + 8 * r.pairs, r.pairs, r.endUpper, r.beginLower, srcW_, upper,
+                             lower ? upper + midStride_ : nullptr, ahead, aheadCount);
+            if (vectorWidth < srcW_)
+                for (int k = 0; k < (lower ? 2 : 1); ++k) {
+                    for (int t = 0; t < taps; ++t) plainRows[t] = src + (v_.start[y + k] + t) * srcStride + vectorWidth;
+                    VerticalPlain(plainRows.data(), v_.weights.data() + static_cast<std::size_t>(y + k) * taps, taps,
+                                  srcW_ - vectorWidth, upper + k * midStride_ + vectorWidth);
+                }
         }
+        for (int k = 0; k < 8; ++k) {
+            midRows[k] = mid + (k < count ? k : 0) * midStride_;
+            outRows[k] = k < count ? dst + (y0 + k) * dstStride : nullptr;
+        }
+        HorizontalRowsAvx2(midRows, laidPairs_, reinterpret_cast<__m256i*>(laid_.data()), acrossFirst_.data(),
+                           acrossWeights_.data(), acrossTaps_, dstW_, outRows, count);
     }
 }
 

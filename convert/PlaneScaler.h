@@ -63,6 +63,7 @@ public:
 private:
     static void Keep(Filter& f, int first, int count);
     void PlanRowPairs();
+    void PlanAcross();
 
     // The vector pass makes two output rows at a time from one run of source rows taken in
     // pairs: each pair is widened once and serves both rows (whose windows mostly overlap).
@@ -83,8 +84,15 @@ private:
     Filter h_, v_;
     bool vector_ = false;
     std::vector<RowPair> rowPairs_;
-    std::vector<std::int32_t> pairWeights_;  // two 16-bit weights per word, the upper row's in the low half
-    std::vector<std::int16_t> column_;  // two rows filtered down, before they are filtered across
+    std::vector<std::int32_t> pairWeights_;  // two 16-bit weights per word, the upper row's in the low half, 8 copies
+    // Across, eight rows at a time: output i takes acrossTaps_ pair weights from column pair
+    // acrossFirst_[i] of the rows laid out as column pairs (laid_).
+    std::vector<int> acrossFirst_;
+    std::vector<std::int32_t> acrossWeights_;
+    int acrossTaps_ = 0, laidPairs_ = 0;
+    std::vector<std::int32_t> laid_;
+    std::ptrdiff_t midStride_ = 0;
+    std::vector<std::int16_t> column_;  // rows filtered down, before they are filtered across
 };
 
 }  // namespace zub
