@@ -99,9 +99,16 @@ struct Sums {
     __m256i s0, s1;
 };
 
+ZUB_AVX2_INLINE void Start(Sums& sums, const Pairs& p, const std::int32_t* weight)
+{
+    const __m256i w = _mm256_set1_epi32(*weight);
+    sums.s0 = _mm256_madd_epi16(p.q0, w);
+    sums.s1 = _mm256_madd_epi16(p.q1, w);
+}
+
 ZUB_AVX2_INLINE void Add(Sums& sums, const Pairs& p, const std::int32_t* weight)
 {
-    const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(weight));
+    const __m256i w = _mm256_set1_epi32(*weight);
     sums.s0 = _mm256_add_epi32(sums.s0, _mm256_madd_epi16(p.q0, w));
     sums.s1 = _mm256_add_epi32(sums.s1, _mm256_madd_epi16(p.q1, w));
 }
@@ -122,17 +129,32 @@ ZUB_AVX2_INLINE void VerticalHalf(const std::uint8_t* const* rows, int x, const 
                                   const std::int32_t* lowerWeights, int pairs, int endUpper, int beginLower,
                                   __m256i& upper, __m256i& lower)
 {
+    // Each row's sums start from its first product rather than from zero: one add fewer.
     const __m256i zero = _mm256_setzero_si256();
-    Sums up{zero, zero}, down{zero, zero};
-    int p = 0;
+    Sums up, down{zero, zero};
+    const Pairs first = LoadPairs<Half>(rows[0] + x, rows[1] + x);
+    Start(up, first, upperWeights);
+    if (beginLower == 0) Start(down, first, lowerWeights);
+    int p = 1;
     for (const int both = std::min(endUpper, beginLower); p < both; ++p)
         Add(up, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), upperWeights + 8 * p);
+    if (p < endUpper && p == beginLower) {
+        const Pairs q = LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x);
+        Add(up, q, upperWeights + 8 * p);
+        Start(down, q, lowerWeights + 8 * p);
+        ++p;
+    }
     for (; p < endUpper; ++p) {
         const Pairs q = LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x);
         Add(up, q, upperWeights + 8 * p);
         Add(down, q, lowerWeights + 8 * p);
     }
-    for (p = std::max(p, beginLower); p < pairs; ++p)
+    if (p <= beginLower && beginLower < pairs) {
+        p = beginLower;
+        Start(down, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + 8 * p);
+        ++p;
+    }
+    for (; p < pairs; ++p)
         Add(down, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + 8 * p);
     upper = Finish(up);
     lower = Finish(down);
