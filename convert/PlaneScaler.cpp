@@ -137,25 +137,25 @@ ZUB_AVX2_INLINE void VerticalHalf(const std::uint8_t* const* rows, int x, const 
     if (beginLower == 0) Start(down, first, lowerWeights);
     int p = 1;
     for (const int both = std::min(endUpper, beginLower); p < both; ++p)
-        Add(up, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), upperWeights + 8 * p);
+        Add(up, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), upperWeights + p);
     if (p < endUpper && p == beginLower) {
         const Pairs q = LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x);
-        Add(up, q, upperWeights + 8 * p);
-        Start(down, q, lowerWeights + 8 * p);
+        Add(up, q, upperWeights + p);
+        Start(down, q, lowerWeights + p);
         ++p;
     }
     for (; p < endUpper; ++p) {
         const Pairs q = LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x);
-        Add(up, q, upperWeights + 8 * p);
-        Add(down, q, lowerWeights + 8 * p);
+        Add(up, q, upperWeights + p);
+        Add(down, q, lowerWeights + p);
     }
     if (p <= beginLower && beginLower < pairs) {
         p = beginLower;
-        Start(down, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + 8 * p);
+        Start(down, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + p);
         ++p;
     }
     for (; p < pairs; ++p)
-        Add(down, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + 8 * p);
+        Add(down, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + p);
     upper = Finish(up);
     lower = Finish(down);
 }
@@ -376,10 +376,8 @@ void PlaneScaler::PlanRowPairs()
         std::vector<std::int16_t> upper(2 * r.pairs, 0), down(2 * r.pairs, 0);
         std::copy_n(v_.weights.data() + static_cast<std::size_t>(y) * taps, taps, upper.begin());
         if (lower) std::copy_n(v_.weights.data() + static_cast<std::size_t>(y + 1) * taps, taps, down.begin() + offset);
-        // Each weight pair stored as a whole vector, so that the multiplies take it straight from
-        // memory and the sixteen registers are left to the sums.
-        for (int p = 0; p < r.pairs; ++p) pairWeights_.insert(pairWeights_.end(), 8, PairWeight(upper[2 * p], upper[2 * p + 1]));
-        for (int p = 0; p < r.pairs; ++p) pairWeights_.insert(pairWeights_.end(), 8, PairWeight(down[2 * p], down[2 * p + 1]));
+        for (int p = 0; p < r.pairs; ++p) pairWeights_.push_back(PairWeight(upper[2 * p], upper[2 * p + 1]));
+        for (int p = 0; p < r.pairs; ++p) pairWeights_.push_back(PairWeight(down[2 * p], down[2 * p + 1]));
         rowPairs_.push_back(r);
     }
 }
@@ -448,7 +446,7 @@ void PlaneScaler::Scale(const std::uint8_t* src, std::ptrdiff_t srcStride, std::
                 for (int s = r.first + 2 * r.pairs; s < rowPairs_[n + 1].first + 2 * rowPairs_[n + 1].pairs && aheadCount < 8; ++s)
                     if (s <= last) ahead[aheadCount++] = src + s * srcStride;
             const std::int32_t* weights = pairWeights_.data() + r.weights;
-            VerticalPairAvx2(rows.data(), weights, weights + 8 * r.pairs, r.pairs, r.endUpper, r.beginLower, srcW_, upper,
+            VerticalPairAvx2(rows.data(), weights, weights + r.pairs, r.pairs, r.endUpper, r.beginLower, srcW_, upper,
                              lower ? upper + midStride_ : nullptr, ahead, aheadCount);
             if (vectorWidth < srcW_)
                 for (int k = 0; k < (lower ? 2 : 1); ++k) {

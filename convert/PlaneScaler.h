@@ -84,7 +84,7 @@ private:
     Filter h_, v_;
     bool vector_ = false;
     std::vector<RowPair> rowPairs_;
-    std::vector<std::int32_t> pairWeights_;  // two 16-bit weights per word, the upper row's in the low half, 8 copies
+    std::vector<std::int32_t> pairWeights_;  // two 16-bit weights per word, the upper row's in the low half
     // Across, eight rows at a time: output i takes acrossTaps_ pair weights from column pair
     // acrossFirst_[i] of the rows laid out as column pairs (laid_).
     std::vector<int> acrossFirst_;
