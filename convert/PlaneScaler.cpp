@@ -18,12 +18,29 @@ constexpr int kVerticalShift = 8;                                               
 constexpr int kHorizontalShift = 2 * PlaneScaler::kWeightBits - kVerticalShift;   // back to 8 bits
 constexpr int kVectorBlock = 16;                                                  // samples per vector load
 
-std::atomic<bool> vectorAllowed{true};
+std::atomic<PlaneScaler::Code> codeLimit{PlaneScaler::Code::Best};
+
+bool CpuHasAvx2()
+{
+    static const bool avx2 = __builtin_cpu_supports("avx2");
+    return avx2;
+}
+
+// VPDPWSSD on 256-bit registers: a multiply-add and the add of its result in one instruction.
+bool CpuHasFusedMultiplyAdd()
+{
+    static const bool vnni = CpuHasAvx2() && __builtin_cpu_supports("avx512vnni") && __builtin_cpu_supports("avx512vl");
+    return vnni;
+}
 
 bool HaveAvx2()
 {
-    static const bool avx2 = __builtin_cpu_supports("avx2");
-    return avx2 && vectorAllowed.load(std::memory_order_relaxed);
+    return CpuHasAvx2() && codeLimit.load(std::memory_order_relaxed) != PlaneScaler::Code::Plain;
+}
+
+bool HaveFusedMultiplyAdd()
+{
+    return CpuHasFusedMultiplyAdd() && codeLimit.load(std::memory_order_relaxed) == PlaneScaler::Code::Best;
 }
 
 double KernelWeight(PlaneScaler::Kernel kernel, double x)
@@ -69,6 +86,20 @@ void HorizontalPlain(const std::int16_t* row, const PlaneScaler::Filter& f, int 
 
 #define ZUB_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
 
+// acc + the pairwise products of a and b summed in twos, as 32-bit words. Fused, it is one
+// AVX-512 VNNI instruction on 256-bit registers (with the same wrapping sums), written out
+// here so that the AVX2 templates serve both; only a processor that has it runs it.
+template <bool Fused>
+ZUB_AVX2_INLINE __m256i MulAdd(__m256i acc, __m256i a, __m256i b)
+{
+    if constexpr (Fused) {
+        asm("vpdpwssd %2, %1, %0" : "+x"(acc) : "x"(a), "xm"(b));
+        return acc;
+    } else {
+        return _mm256_add_epi32(acc, _mm256_madd_epi16(a, b));
+    }
+}
+
 // Weights packed for a multiply-add of a source pair: the pair's first row in the low half.
 std::int32_t PairWeight(std::int16_t first, std::int16_t second)
 {
@@ -106,11 +137,12 @@ ZUB_AVX2_INLINE void Start(Sums& sums, const Pairs& p, const std::int32_t* weigh
     sums.s1 = _mm256_madd_epi16(p.q1, w);
 }
 
+template <bool Fused>
 ZUB_AVX2_INLINE void Add(Sums& sums, const Pairs& p, const std::int32_t* weight)
 {
     const __m256i w = _mm256_set1_epi32(*weight);
-    sums.s0 = _mm256_add_epi32(sums.s0, _mm256_madd_epi16(p.q0, w));
-    sums.s1 = _mm256_add_epi32(sums.s1, _mm256_madd_epi16(p.q1, w));
+    sums.s0 = MulAdd<Fused>(sums.s0, p.q0, w);
+    sums.s1 = MulAdd<Fused>(sums.s1, p.q1, w);
 }
 
 // Rounded and saturated as VerticalValue does: Half 0 gives columns 0-7 and 16-23, Half 1
@@ -124,7 +156,7 @@ ZUB_AVX2_INLINE __m256i Finish(const Sums& sums)
 
 // One half of thirty-two samples for both rows; the halves are made one after the other so
 // that the sums of both rows stay in registers.
-template <int Half>
+template <bool Fused, int Half>
 ZUB_AVX2_INLINE void VerticalHalf(const std::uint8_t* const* rows, int x, const std::int32_t* upperWeights,
                                   const std::int32_t* lowerWeights, int pairs, int endUpper, int beginLower,
                                   __m256i& upper, __m256i& lower)
@@ -137,17 +169,17 @@ ZUB_AVX2_INLINE void VerticalHalf(const std::uint8_t* const* rows, int x, const 
     if (beginLower == 0) Start(down, first, lowerWeights);
     int p = 1;
     for (const int both = std::min(endUpper, beginLower); p < both; ++p)
-        Add(up, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), upperWeights + p);
+        Add<Fused>(up, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), upperWeights + p);
     if (p < endUpper && p == beginLower) {
         const Pairs q = LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x);
-        Add(up, q, upperWeights + p);
+        Add<Fused>(up, q, upperWeights + p);
         Start(down, q, lowerWeights + p);
         ++p;
     }
     for (; p < endUpper; ++p) {
         const Pairs q = LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x);
-        Add(up, q, upperWeights + p);
-        Add(down, q, lowerWeights + p);
+        Add<Fused>(up, q, upperWeights + p);
+        Add<Fused>(down, q, lowerWeights + p);
     }
     if (p <= beginLower && beginLower < pairs) {
         p = beginLower;
@@ -155,7 +187,7 @@ ZUB_AVX2_INLINE void VerticalHalf(const std::uint8_t* const* rows, int x, const 
         ++p;
     }
     for (; p < pairs; ++p)
-        Add(down, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + p);
+        Add<Fused>(down, LoadPairs<Half>(rows[2 * p] + x, rows[2 * p + 1] + x), lowerWeights + p);
     upper = Finish(up);
     lower = Finish(down);
 }
@@ -169,6 +201,7 @@ ZUB_AVX2_INLINE void Store(__m256i half0, __m256i half1, std::int16_t* out)
 // Two output rows (the lower one only when `lower` is given) from `pairs` source row pairs,
 // thirty-two samples at a time; `rows` holds each pair's two rows in turn. The upper row uses
 // pairs [0, endUpper), the lower one [beginLower, pairs).
+template <bool Fused>
 __attribute__((target("avx2"))) void VerticalPairAvx2(const std::uint8_t* const* rows, const std::int32_t* upperWeights,
                                                         const std::int32_t* lowerWeights, int pairs, int endUpper,
                                                         int beginLower, int count, std::int16_t* upper,
@@ -181,8 +214,8 @@ __attribute__((target("avx2"))) void VerticalPairAvx2(const std::uint8_t* const*
         // picture the decoder has only just written, often on the other core.
         for (int r = 0; r < aheadCount; ++r) _mm_prefetch(reinterpret_cast<const char*>(ahead[r] + x), _MM_HINT_T0);
         __m256i up0, down0, up1, down1;
-        VerticalHalf<0>(rows, x, upperWeights, lowerWeights, pairs, endUpper, beginLower, up0, down0);
-        VerticalHalf<1>(rows, x, upperWeights, lowerWeights, pairs, endUpper, beginLower, up1, down1);
+        VerticalHalf<Fused, 0>(rows, x, upperWeights, lowerWeights, pairs, endUpper, beginLower, up0, down0);
+        VerticalHalf<Fused, 1>(rows, x, upperWeights, lowerWeights, pairs, endUpper, beginLower, up1, down1);
         Store(up0, up1, upper + x);
         if (lower) Store(down0, down1, lower + x);
     }
@@ -216,6 +249,7 @@ __attribute__((target("avx2"))) void LayOutPairs(const std::int16_t* const* rows
 // `rows` (eight, every one readable) filtered across into `out` (its first `count` rows):
 // output i takes `taps` pairs from pair first[i]; the weights go by eight outputs, tap by tap,
 // and both run on to a whole eight (the outputs past the last are made and not stored).
+template <bool Fused>
 __attribute__((target("avx2"))) void HorizontalRowsAvx2(const std::int16_t* const* rows, int pairs, __m256i* laid,
                                                           const int* first, const std::int32_t* weights, int taps,
                                                           int width, std::uint8_t* const* out, int count)
@@ -237,7 +271,7 @@ __attribute__((target("avx2"))) void HorizontalRowsAvx2(const std::int16_t* cons
         for (int p = 0; p < taps; ++p, w += 8)
 #pragma GCC unroll 8
             for (int k = 0; k < 8; ++k)
-                v[k] = _mm256_add_epi32(v[k], _mm256_madd_epi16(_mm256_loadu_si256(at[k] + p), _mm256_set1_epi32(w[k])));
+                v[k] = MulAdd<Fused>(v[k], _mm256_set1_epi32(w[k]), _mm256_loadu_si256(at[k] + p));
 #pragma GCC unroll 8
         for (int k = 0; k < 8; ++k) v[k] = _mm256_srai_epi32(v[k], kHorizontalShift);
         // Saturated to 16 bits and then to 8, exactly as HorizontalValue clamps.
@@ -268,11 +302,16 @@ __attribute__((target("avx2"))) void HorizontalRowsAvx2(const std::int16_t* cons
 
 }  // namespace
 
-void PlaneScaler::AllowVectorCode(bool allow)
+bool PlaneScaler::LimitCode(Code code)
 {
-    vectorAllowed.store(allow, std::memory_order_relaxed);
+    codeLimit.store(code, std::memory_order_relaxed);
+    switch (code) {
+    case Code::Plain: return true;
+    case Code::Avx2: return CpuHasAvx2();
+    case Code::Best: return CpuHasFusedMultiplyAdd();
+    }
+    return false;
 }
-
 PlaneScaler::Filter PlaneScaler::MakeFilter(int srcSize, int dstSize, Kernel kernel, int window, double ratio,
                                             double phase)
 {
@@ -347,6 +386,7 @@ bool PlaneScaler::Configure(int srcWidth, int srcHeight, int dstWidth, int dstHe
     v_ = MakeFilter(srcHeight, dstHeight, kernel, 0, ratioY);
     h_ = MakeFilter(srcWidth, dstWidth, kernel, 0, ratioX, phaseX);
     vector_ = HaveAvx2();
+    fused_ = vector_ && HaveFusedMultiplyAdd();
     Keep(v_, window.y, window.height);
     Keep(h_, window.x, window.width);
     rowPairs_.clear();
@@ -446,7 +486,7 @@ void PlaneScaler::Scale(const std::uint8_t* src, std::ptrdiff_t srcStride, std::
                 for (int s = r.first + 2 * r.pairs; s < rowPairs_[n + 1].first + 2 * rowPairs_[n + 1].pairs && aheadCount < 8; ++s)
                     if (s <= last) ahead[aheadCount++] = src + s * srcStride;
             const std::int32_t* weights = pairWeights_.data() + r.weights;
-            VerticalPairAvx2(rows.data(), weights, weights + r.pairs, r.pairs, r.endUpper, r.beginLower, srcW_, upper,
+            (fused_ ? VerticalPairAvx2<true> : VerticalPairAvx2<false>)(rows.data(), weights, weights + r.pairs, r.pairs, r.endUpper, r.beginLower, srcW_, upper,
                              lower ? upper + midStride_ : nullptr, ahead, aheadCount);
             if (vectorWidth < srcW_)
                 for (int k = 0; k < (lower ? 2 : 1); ++k) {
@@ -459,7 +499,7 @@ void PlaneScaler::Scale(const std::uint8_t* src, std::ptrdiff_t srcStride, std::
             midRows[k] = mid + (k < count ? k : 0) * midStride_;
             outRows[k] = k < count ? dst + (y0 + k) * dstStride : nullptr;
         }
-        HorizontalRowsAvx2(midRows, laidPairs_, reinterpret_cast<__m256i*>(laid_.data()), acrossFirst_.data(),
+        (fused_ ? HorizontalRowsAvx2<true> : HorizontalRowsAvx2<false>)(midRows, laidPairs_, reinterpret_cast<__m256i*>(laid_.data()), acrossFirst_.data(),
                            acrossWeights_.data(), acrossTaps_, dstW_, outRows, count);
     }
 }

@@ -56,9 +56,12 @@ public:
     static Filter MakeFilter(int srcSize, int dstSize, Kernel kernel, int window = 0, double ratio = 0,
                              double phase = 0);
 
-    // For tests: false makes every scaler configured afterwards run the plain arithmetic even on
-    // a processor with vector units, so the two can be compared byte for byte.
-    static void AllowVectorCode(bool allow);
+    // The arithmetic a scaler runs: plain, AVX2, or AVX2 with the fused multiply-add of
+    // AVX-512 VNNI (on 256-bit registers), the best the processor has unless told otherwise.
+    enum class Code { Plain, Avx2, Best };
+    // For tests: every scaler configured afterwards runs at most `code`, so that the paths can
+    // be compared byte for byte on one machine. Returns whether the processor has all of it.
+    static bool LimitCode(Code code);
 
 private:
     static void Keep(Filter& f, int first, int count);
@@ -82,7 +85,7 @@ private:
     double ratioX_ = 0, ratioY_ = 0, phaseX_ = 0;
     Kernel kernel_ = Kernel::Bicubic;
     Filter h_, v_;
-    bool vector_ = false;
+    bool vector_ = false, fused_ = false;
     std::vector<RowPair> rowPairs_;
     std::vector<std::int32_t> pairWeights_;  // two 16-bit weights per word, the upper row's in the low half
     // Across, eight rows at a time: output i takes acrossTaps_ pair weights from column pair
