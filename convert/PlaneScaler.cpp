@@ -199,17 +199,17 @@ ZUB_AVX2_INLINE void Store(__m256i half0, __m256i half1, std::int16_t* out)
 }
 
 // Two output rows (the lower one only when `lower` is given) from `pairs` source row pairs,
-// thirty-two samples at a time; `rows` holds each pair's two rows in turn. The upper row uses
+// thirty-two samples at a time from column `from` to `to`; `rows` holds each pair's two rows in turn. The upper row uses
 // pairs [0, endUpper), the lower one [beginLower, pairs).
 template <bool Fused>
 __attribute__((target("avx2"))) void VerticalPairAvx2(const std::uint8_t* const* rows, const std::int32_t* upperWeights,
                                                         const std::int32_t* lowerWeights, int pairs, int endUpper,
-                                                        int beginLower, int count, std::int16_t* upper,
+                                                        int beginLower, int from, int to, std::int16_t* upper,
                                                         std::int16_t* lower, const std::uint8_t* const* ahead,
                                                         int aheadCount)
 {
     if (!lower) endUpper = std::min(endUpper, pairs), beginLower = pairs;
-    for (int x = 0; x + 2 * kVectorBlock <= count; x += 2 * kVectorBlock) {
+    for (int x = from; x + 2 * kVectorBlock <= to; x += 2 * kVectorBlock) {
         // The rows the next run adds are fetched while this one is worked on: they come from a
         // picture the decoder has only just written, often on the other core.
         for (int r = 0; r < aheadCount; ++r) _mm_prefetch(reinterpret_cast<const char*>(ahead[r] + x), _MM_HINT_T0);
@@ -228,9 +228,9 @@ __attribute__((target("avx2"))) void VerticalPairAvx2(const std::uint8_t* const*
 // is what filtering each row on its own spent most of its time on. A window starting on an
 // odd column uses the pair before it with a zero first weight, so only the pairs starting on
 // even columns are laid out.
-__attribute__((target("avx2"))) void LayOutPairs(const std::int16_t* const* rows, int pairs, __m256i* laid)
+__attribute__((target("avx2"))) void LayOutPairs(const std::int16_t* const* rows, int from, int to, __m256i* laid)
 {
-    for (int c = 0; 4 * c < pairs; ++c) {
+    for (int c = from / 4; 4 * c < to; ++c) {
         const int x = 8 * c;
         __m256i y[4];
 #pragma GCC unroll 4
@@ -246,15 +246,14 @@ __attribute__((target("avx2"))) void LayOutPairs(const std::int16_t* const* rows
     }
 }
 
-// `rows` (eight, every one readable) filtered across into `out` (its first `count` rows):
+// Eight rows, laid out as column pairs, filtered across into `out` (its first `count` rows):
 // output i takes `taps` pairs from pair first[i]; the weights go by eight outputs, tap by tap,
 // and both run on to a whole eight (the outputs past the last are made and not stored).
 template <bool Fused>
-__attribute__((target("avx2"))) void HorizontalRowsAvx2(const std::int16_t* const* rows, int pairs, __m256i* laid,
-                                                          const int* first, const std::int32_t* weights, int taps,
-                                                          int width, std::uint8_t* const* out, int count)
+__attribute__((target("avx2"))) void HorizontalRowsAvx2(const __m256i* laid, const int* first,
+                                                          const std::int32_t* weights, int taps, int width,
+                                                          std::uint8_t* const* out, int count)
 {
-    LayOutPairs(rows, pairs, laid);
     // Transposes a 4 x 4 block of bytes in each half: (output, row) order to (row, output).
     const __m256i byRow = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15,
                                            0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
@@ -445,6 +444,10 @@ void PlaneScaler::PlanAcross()
     // Pairs are laid out four at a time, from eight columns of each row; the columns past the
     // picture stay zero and only ever meet zero weights.
     laidPairs_ = (pairs + 3) / 4 * 4;
+    // The columns the pairs read: from a whole vector block at or before the first one.
+    const int firstPair = *std::min_element(acrossFirst_.begin(), acrossFirst_.end());
+    columnsFrom_ = 2 * firstPair / (2 * kVectorBlock) * (2 * kVectorBlock);
+    columnsTo_ = std::min(srcW_, 2 * laidPairs_);
     laid_.assign(8 * static_cast<std::size_t>(laidPairs_), 0);
     midStride_ = (std::max(srcW_, 2 * laidPairs_) + 2 * kVectorBlock) / kVectorBlock * kVectorBlock;
     column_.assign(8 * static_cast<std::size_t>(midStride_), 0);
@@ -464,20 +467,21 @@ void PlaneScaler::Scale(const std::uint8_t* src, std::ptrdiff_t srcStride, std::
         }
         return;
     }
-    const int vectorWidth = srcW_ / (2 * kVectorBlock) * (2 * kVectorBlock);
+    // Only the columns the filter across reads are filtered down; whole blocks of them by the
+    // vector code, the rest plainly.
+    const int vectorEnd = columnsFrom_ + (columnsTo_ - columnsFrom_) / (2 * kVectorBlock) * (2 * kVectorBlock);
     const int last = srcH_ - 1;
-    std::vector<const std::uint8_t*> rows;
     std::vector<const std::uint8_t*> plainRows(taps);
-    const std::uint8_t* ahead[8];
     const std::int16_t* midRows[8];
     std::uint8_t* outRows[8];
+    __m256i* laid = reinterpret_cast<__m256i*>(laid_.data());
+    std::vector<const std::uint8_t*> rows;
+    const std::uint8_t* ahead[8];
     for (int y0 = 0; y0 < dstH_; y0 += 8) {
         const int count = std::min(8, dstH_ - y0);
         for (int y = y0; y < y0 + count; y += 2) {
             const std::size_t n = static_cast<std::size_t>(y / 2);
             const RowPair& r = rowPairs_[n];
-            const bool lower = y + 1 < dstH_;
-            std::int16_t* upper = mid + (y - y0) * midStride_;
             rows.resize(2 * static_cast<std::size_t>(r.pairs));
             // A run's last pair may reach one row past the picture; its weights there are zero.
             for (int k = 0; k < 2 * r.pairs; ++k) rows[k] = src + std::min(r.first + k, last) * srcStride;
@@ -485,22 +489,26 @@ void PlaneScaler::Scale(const std::uint8_t* src, std::ptrdiff_t srcStride, std::
             if (n + 1 < rowPairs_.size())
                 for (int s = r.first + 2 * r.pairs; s < rowPairs_[n + 1].first + 2 * rowPairs_[n + 1].pairs && aheadCount < 8; ++s)
                     if (s <= last) ahead[aheadCount++] = src + s * srcStride;
+            std::int16_t* upper = mid + (y - y0) * midStride_;
             const std::int32_t* weights = pairWeights_.data() + r.weights;
-            (fused_ ? VerticalPairAvx2<true> : VerticalPairAvx2<false>)(rows.data(), weights, weights + r.pairs, r.pairs, r.endUpper, r.beginLower, srcW_, upper,
-                             lower ? upper + midStride_ : nullptr, ahead, aheadCount);
-            if (vectorWidth < srcW_)
-                for (int k = 0; k < (lower ? 2 : 1); ++k) {
-                    for (int t = 0; t < taps; ++t) plainRows[t] = src + (v_.start[y + k] + t) * srcStride + vectorWidth;
-                    VerticalPlain(plainRows.data(), v_.weights.data() + static_cast<std::size_t>(y + k) * taps, taps,
-                                  srcW_ - vectorWidth, upper + k * midStride_ + vectorWidth);
-                }
+            (fused_ ? VerticalPairAvx2<true> : VerticalPairAvx2<false>)(
+                rows.data(), weights, weights + r.pairs, r.pairs, r.endUpper, r.beginLower, columnsFrom_, vectorEnd, upper,
+                y + 1 < dstH_ ? upper + midStride_ : nullptr, ahead, aheadCount);
         }
+        if (vectorEnd < columnsTo_)
+            for (int k = 0; k < count; ++k) {
+                const int y = y0 + k;
+                for (int t = 0; t < taps; ++t) plainRows[t] = src + (v_.start[y] + t) * srcStride + vectorEnd;
+                VerticalPlain(plainRows.data(), v_.weights.data() + static_cast<std::size_t>(y) * taps, taps,
+                              columnsTo_ - vectorEnd, mid + k * midStride_ + vectorEnd);
+            }
         for (int k = 0; k < 8; ++k) {
             midRows[k] = mid + (k < count ? k : 0) * midStride_;
             outRows[k] = k < count ? dst + (y0 + k) * dstStride : nullptr;
         }
-        (fused_ ? HorizontalRowsAvx2<true> : HorizontalRowsAvx2<false>)(midRows, laidPairs_, reinterpret_cast<__m256i*>(laid_.data()), acrossFirst_.data(),
-                           acrossWeights_.data(), acrossTaps_, dstW_, outRows, count);
+        LayOutPairs(midRows, columnsFrom_ / 2, laidPairs_, laid);
+        (fused_ ? HorizontalRowsAvx2<true> : HorizontalRowsAvx2<false>)(laid, acrossFirst_.data(), acrossWeights_.data(),
+                                                                         acrossTaps_, dstW_, outRows, count);
     }
 }
 

@@ -93,6 +93,7 @@ private:
     std::vector<int> acrossFirst_;
     std::vector<std::int32_t> acrossWeights_;
     int acrossTaps_ = 0, laidPairs_ = 0;
+    int columnsFrom_ = 0, columnsTo_ = 0;  // the columns filtered down: those filtered across
     std::vector<std::int32_t> laid_;
     std::ptrdiff_t midStride_ = 0;
     std::vector<std::int16_t> column_;  // rows filtered down, before they are filtered across
