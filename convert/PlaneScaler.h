@@ -59,8 +59,8 @@ public:
     // The arithmetic a scaler runs: plain, AVX2, or AVX2 with the fused multiply-add of
     // AVX-512 VNNI (on 256-bit registers), the best the processor has unless told otherwise.
     enum class Code { Plain, Avx2, Best };
-    // For tests: every scaler configured afterwards runs at most `code`, so that the paths can
-    // be compared byte for byte on one machine. Returns whether the processor has all of it.
+    // For tests and benchmarks: every scaler configured afterwards runs at most `code`, so that
+    // the paths can be compared on one machine. Returns whether the processor has all of it.
     static bool LimitCode(Code code);
 
 private:

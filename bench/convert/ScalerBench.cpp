@@ -59,14 +59,23 @@ void ScalePlane(benchmark::State& state, int sw, int sh, int dw, int dh, PlaneSc
     state.SetItemsProcessed(state.iterations());
 }
 
-// A whole 4:2:0 picture into 4:2:2 planes, as the frame path scales it.
-void ScalePicture(benchmark::State& state, int sw, int sh, int dw, int dh, PlaneScaler::Kernel kernel)
+// A whole 4:2:0 picture into 4:2:2 planes, as the frame path scales it, with the best code the
+// processor has or at most `code` (the AVX2 baseline on a processor that has more).
+void ScalePicture(benchmark::State& state, int sw, int sh, int dw, int dh, PlaneScaler::Kernel kernel,
+                  PlaneScaler::Code code = PlaneScaler::Code::Best)
 {
+    if (!PlaneScaler::LimitCode(code) && code != PlaneScaler::Code::Best) {
+        PlaneScaler::LimitCode(PlaneScaler::Code::Best);
+        state.SkipWithError("the processor lacks that code");
+        return;
+    }
     const Plane y = Picture(sw, sh, 1), u = Picture(sw / 2, sh / 2, 2), v = Picture(sw / 2, sh / 2, 3);
     std::vector<std::uint8_t> dy(static_cast<std::size_t>(dw) * dh), du(static_cast<std::size_t>(dw / 2) * dh),
         dv(du.size());
     PlaneScaler luma, chroma;
-    if (!luma.Configure(sw, sh, dw, dh, kernel) || !chroma.Configure(sw / 2, sh / 2, dw / 2, dh, kernel)) {
+    const bool configured = luma.Configure(sw, sh, dw, dh, kernel) && chroma.Configure(sw / 2, sh / 2, dw / 2, dh, kernel);
+    PlaneScaler::LimitCode(PlaneScaler::Code::Best);
+    if (!configured) {
         state.SkipWithError("the scaler refused the shape");
         return;
     }
@@ -90,6 +99,10 @@ constexpr auto kBilinear = PlaneScaler::Kernel::Bilinear;
 BENCHMARK_CAPTURE(ScalePlane, Luma1080Bicubic, 1920, 1080, 720, 486, kBicubic)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ScalePlane, Chroma540Bicubic, 960, 540, 360, 486, kBicubic)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ScalePicture, Picture1080Bicubic, 1920, 1080, 720, 486, kBicubic)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ScalePicture, Picture1080BicubicAvx2, 1920, 1080, 720, 486, kBicubic, PlaneScaler::Code::Avx2)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ScalePicture, Picture1080BicubicPlain, 1920, 1080, 720, 486, kBicubic, PlaneScaler::Code::Plain)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ScalePlane, Luma1080Bilinear, 1920, 1080, 720, 486, kBilinear)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ScalePlane, Chroma540Bilinear, 960, 540, 360, 486, kBilinear)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(ScalePlane, Luma720Bicubic, 1280, 720, 720, 486, kBicubic)->Unit(benchmark::kMillisecond);
