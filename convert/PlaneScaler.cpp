@@ -110,8 +110,8 @@ std::int32_t PairWeight(std::int16_t first, std::int16_t second)
 // Sixteen of thirty-two samples of one source row pair, as two vectors of (first, second)
 // 16-bit pairs: columns 0-3 and 16-19 with 4-7 and 20-23 (Half 0), or 8-11 and 24-27 with
 // 12-15 and 28-31 (Half 1). Interleaving the bytes before widening them takes three shuffles
-// per half where widening each row first takes four, and shuffles, not multiplies, are what
-// this pass waits on.
+// per half where widening each row first takes four: the shuffle units are as busy as the
+// multipliers in this pass.
 struct Pairs {
     __m256i q0, q1;
 };
@@ -192,6 +192,7 @@ ZUB_AVX2_INLINE void VerticalHalf(const std::uint8_t* const* rows, int x, const 
     lower = Finish(down);
 }
 
+// Thirty-two samples of one row from its two halves, back in column order.
 ZUB_AVX2_INLINE void Store(__m256i half0, __m256i half1, std::int16_t* out)
 {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), _mm256_permute2x128_si256(half0, half1, 0x20));
@@ -199,8 +200,8 @@ ZUB_AVX2_INLINE void Store(__m256i half0, __m256i half1, std::int16_t* out)
 }
 
 // Two output rows (the lower one only when `lower` is given) from `pairs` source row pairs,
-// thirty-two samples at a time from column `from` to `to`; `rows` holds each pair's two rows in turn. The upper row uses
-// pairs [0, endUpper), the lower one [beginLower, pairs).
+// thirty-two samples at a time from column `from` to `to`; `rows` holds each pair's two rows
+// in turn. The upper row uses pairs [0, endUpper), the lower one [beginLower, pairs).
 template <bool Fused>
 __attribute__((target("avx2"))) void VerticalPairAvx2(const std::uint8_t* const* rows, const std::int32_t* upperWeights,
                                                         const std::int32_t* lowerWeights, int pairs, int endUpper,
@@ -322,8 +323,7 @@ bool PlaneScaler::LimitCode(Code code)
     }
     return false;
 }
-PlaneScaler::Filter PlaneScaler::MakeFilter(int srcSize, int dstSize, Kernel kernel, int window, double ratio,
-                                            double phase)
+PlaneScaler::Filter PlaneScaler::MakeFilter(int srcSize, int dstSize, Kernel kernel, double ratio, double phase)
 {
     Filter f;
     const double scale = ratio > 0 ? ratio : static_cast<double>(srcSize) / dstSize;
@@ -331,7 +331,7 @@ PlaneScaler::Filter PlaneScaler::MakeFilter(int srcSize, int dstSize, Kernel ker
     const double support = (kernel == Kernel::Bilinear ? 1.0 : 2.0) * stretch;
     // The samples strictly inside the kernel's reach: never more than 2 x support of them.
     const int kernelWidth = std::max(1, static_cast<int>(std::ceil(2 * support - 1e-9)));
-    f.width = std::min(srcSize, std::max(kernelWidth, window));
+    f.width = std::min(srcSize, kernelWidth);
     f.start.resize(dstSize);
     f.weights.assign(static_cast<std::size_t>(dstSize) * f.width, 0);
     std::vector<double> acc(f.width);
@@ -380,7 +380,8 @@ bool PlaneScaler::Configure(int srcWidth, int srcHeight, int dstWidth, int dstHe
         window.y + window.height > dstHeight)
         return false;
     if (srcWidth == srcW_ && srcHeight == srcH_ && dstWidth == scaledW_ && dstHeight == scaledH_ && kernel == kernel_ &&
-        window == window_ && ratioX == ratioX_ && ratioY == ratioY_ && phaseX == phaseX_ && !h_.start.empty())
+        window == window_ && ratioX == ratioX_ && ratioY == ratioY_ && phaseX == phaseX_ && !h_.start.empty() &&
+        vector_ == HaveAvx2() && fused_ == (vector_ && HaveFusedMultiplyAdd()))
         return true;
     ratioX_ = ratioX;
     ratioY_ = ratioY;
@@ -393,8 +394,8 @@ bool PlaneScaler::Configure(int srcWidth, int srcHeight, int dstWidth, int dstHe
     dstW_ = window.width;
     dstH_ = window.height;
     kernel_ = kernel;
-    v_ = MakeFilter(srcHeight, dstHeight, kernel, 0, ratioY);
-    h_ = MakeFilter(srcWidth, dstWidth, kernel, 0, ratioX, phaseX);
+    v_ = MakeFilter(srcHeight, dstHeight, kernel, ratioY);
+    h_ = MakeFilter(srcWidth, dstWidth, kernel, ratioX, phaseX);
     vector_ = HaveAvx2();
     fused_ = vector_ && HaveFusedMultiplyAdd();
     Keep(v_, window.y, window.height);

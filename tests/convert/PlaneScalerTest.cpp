@@ -293,3 +293,25 @@ TEST(PlaneScaler, VectorCodeMakesThePlainArithmeticsVeryBytes)
     EXPECT_GT(runs, 900);
     PlaneScaler::LimitCode(PlaneScaler::Code::Best);
 }
+
+TEST(PlaneScaler, APictureComesOutTheSameWhateverTheScalerMadeBefore)
+{
+    // The scaler keeps its buffers from picture to picture; nothing of the last one may show.
+    const Job jobs[] = {{PlaneScaler::Kernel::Bicubic, 720, 486, {}},
+                        {PlaneScaler::Kernel::Bicubic, 855, 483, {66, 3, 700, 477}},
+                        {PlaneScaler::Kernel::Bilinear, 361, 243, {}, 1918.0 / 361 * 1.001, 1078.0 / 243, 0.5}};
+    for (const Job& r : jobs) {
+        SCOPED_TRACE(std::to_string(r.dw) + "x" + std::to_string(r.dh));
+        const Plane before = Harsh(1918, 1078, 5), picture = Picture(1918, 1078, 6, 3);
+        const Plane fresh = ScaleWith(picture, r, PlaneScaler::Code::Best);
+        PlaneScaler scaler;
+        const int w = r.window.width ? r.window.width : r.dw, h = r.window.height ? r.window.height : r.dh;
+        ASSERT_TRUE(scaler.Configure(1918, 1078, r.dw, r.dh, r.kernel, r.window, r.ratioX, r.ratioY, r.phaseX));
+        Plane out = MakePlane(w, h, 5, 0xEE);
+        scaler.Scale(before.bytes.data(), before.stride, out.bytes.data(), out.stride);
+        scaler.Scale(picture.bytes.data(), picture.stride, out.bytes.data(), out.stride);
+        int differ = 0;
+        for (std::size_t i = 0; i < out.bytes.size(); ++i) differ += out.bytes[i] != fresh.bytes[i];
+        EXPECT_EQ(differ, 0);
+    }
+}
