@@ -244,7 +244,7 @@ Plane ScaleWith(const Plane& src, const Job& r, PlaneScaler::Code code)
 
 }  // namespace
 
-TEST(PlaneScaler, VectorCodeMakesThePlainArithmeticsVeryBytes)
+TEST(PlaneScaler, VectorCodeMakesExactlyThePlainArithmeticsBytes)
 {
     if (!PlaneScaler::LimitCode(PlaneScaler::Code::Avx2)) GTEST_SKIP() << "this processor has no AVX2: only the plain code runs here";
     // The fused multiply-add is compared too where the processor has it.
