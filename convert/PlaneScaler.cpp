@@ -299,7 +299,9 @@ __attribute__((target("avx2"))) void HorizontalRowsAvx2(const __m256i* laid, con
 #pragma GCC unroll 4
             for (int h = 0; h < 4; ++h) {
                 _mm_storel_epi64(reinterpret_cast<__m128i*>(out[2 * h] + i), halves[h]);
-                _mm_storeh_pd(reinterpret_cast<double*>(out[2 * h + 1] + i), _mm_castsi128_pd(halves[h]));
+                // The high eight bytes moved down and stored as the low: an unaligned store
+                // through a double pointer would be undefined behaviour in C++ terms.
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(out[2 * h + 1] + i), _mm_unpackhi_epi64(halves[h], halves[h]));
             }
             continue;
         }
