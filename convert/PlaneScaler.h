@@ -10,7 +10,7 @@
 // registers). A 1080p 4:2:0 picture into 720x486 4:2:2 takes about 0.58 ms on a Zen 4 core
 // (0.70 ms with AVX2 alone; bench_convert_scaler); the first version of this scaler, which
 // took the scaling from about two fifths of a 1080p conversion's processor time to about a
-// quarter, took 0.93 ms. Every path makes the plain arithmetic's very bytes.
+// quarter, took 0.93 ms. Every path gives exactly the bytes of the plain arithmetic.
 //
 // The kernels and the sample positions are libswscale's defaults (cubic with a = -0.6; samples
 // at their centres in each plane's own grid), so a picture comes out as ffmpeg's scale filter
