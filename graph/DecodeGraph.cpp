@@ -1,4 +1,5 @@
 #include "graph/DecodeGraph.h"
+#include "platform/DecoderThreads.h"
 #include "platform/Error.h"
 
 #include <algorithm>
@@ -98,16 +99,35 @@ std::string DecodeGraph::Error() const
 
 namespace {
 
-// gst-libav gives a frame-threaded video decoder as many threads as there are cores;
-// libavcodec's own choice (ffmpeg's, and the movie route's) is one more, so that a thread
-// waiting on a reference frame leaves its core to another. On camera footage that is about a
-// twentieth faster, for a few more frames held.
+// gst-libav gives a frame-threaded video decoder as many threads as there are cores; ours get
+// the movie route's count (platform/DecoderThreads.h), which depends on the picture size. The
+// decoder opens its codec when its caps arrive, so the count is set as they pass its sink pad.
+GstPadProbeReturn SizeThreadsOnCaps(GstPad*, GstPadProbeInfo* info, gpointer data)
+{
+    GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+    if (!event || GST_EVENT_TYPE(event) != GST_EVENT_CAPS) return GST_PAD_PROBE_OK;
+    GstCaps* caps = nullptr;
+    gst_event_parse_caps(event, &caps);
+    int width = 0, height = 0;
+    if (caps && gst_caps_get_size(caps) > 0) {
+        const GstStructure* s = gst_caps_get_structure(caps, 0);
+        gst_structure_get_int(s, "width", &width);
+        gst_structure_get_int(s, "height", &height);
+    }
+    g_object_set(static_cast<GstElement*>(data), "max-threads", zub::av::DecoderFrameThreads(width, height), nullptr);
+    return GST_PAD_PROBE_OK;
+}
+
 void SizeDecoderThreads(GstBin*, GstBin*, GstElement* element, gpointer)
 {
     GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(element), "max-threads");
     if (!spec || spec->value_type != G_TYPE_INT) return;
-    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
-    g_object_set(element, "max-threads", static_cast<int>(std::min(cores + 1, 16u)), nullptr);
+    g_object_set(element, "max-threads", zub::av::DecoderFrameThreads(0, 0), nullptr);
+    GstPad* sink = gst_element_get_static_pad(element, "sink");
+    if (!sink) return;
+    // The probe holds the element unreferenced: it lives on the element's own pad.
+    gst_pad_add_probe(sink, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, &SizeThreadsOnCaps, element, nullptr);
+    gst_object_unref(sink);
 }
 
 // True when some demuxer takes these caps in. The list of demuxers is read from the registry

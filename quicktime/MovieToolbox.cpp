@@ -1,4 +1,5 @@
 #include "quicktime/MovieToolbox.h"
+#include "platform/DecoderThreads.h"
 
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -278,7 +279,7 @@ bool Movie::RestartVideo(std::string* why)
         }
         int err = avcodec_parameters_to_context(videoCodec_.get(), st->codecpar);
         if (err >= 0) {
-            videoCodec_->thread_count = 0;
+            videoCodec_->thread_count = zub::av::DecoderFrameThreads(st->codecpar->width, st->codecpar->height);
             videoCodec_->pkt_timebase = st->time_base;
             err = avcodec_open2(videoCodec_.get(), codec, nullptr);
         }
