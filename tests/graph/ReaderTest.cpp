@@ -21,6 +21,7 @@
 #include "graph/DecodeGraph.h"
 #include "graph/GraphAudioReader.h"
 #include "graph/GraphVideoReader.h"
+#include "platform/DecoderThreads.h"
 #include "TempDir.h"
 #include "TestMedia.h"
 #include "Tool.h"
@@ -368,6 +369,39 @@ TEST_F(Media, NonMediaAndWrongKindAreRefusedWithoutThreadsLeft)
         EXPECT_NE(error.find(c.reason), std::string::npos) << error;
         EXPECT_FALSE(reader.Start(*dir_ / "never.wav"));
         EXPECT_FALSE(std::filesystem::exists(*dir_ / "never.wav"));
+    }
+    EXPECT_TRUE(ThreadsBackTo(baseline)) << ThreadCount() << " threads, " << baseline << " before";
+}
+
+TEST_F(Media, TheDecoderRunsTheFrameThreadsItsPictureSizeAllowsAndEndsThem)
+{
+    // The count must reach the decoder before it opens its codec, as its caps pass; set any
+    // later it would run on gst-libav's one thread a core. Closing ends every one of them.
+    zt::MediaSpec spec;
+    spec.width = 1280;
+    spec.height = 720;
+    spec.frames = 20;
+    spec.video = zt::VideoCodec::H264;
+    const std::string path = *dir_ / "threads_720p.mp4";
+    ASSERT_TRUE(zt::MakeMedia(path, spec));
+    {
+        zub::CGraphVideoReader warm;
+        ASSERT_TRUE(warm.OpenVideo(File("mov_twos")));
+    }
+    ASSERT_TRUE(ThreadsBackTo(1000));
+    const int baseline = ThreadCount();
+    {
+        zub::CGraphVideoReader reader;
+        std::string error;
+        ASSERT_TRUE(reader.OpenVideo(path, &error)) << error;  // prerolled: the codec is open
+        EXPECT_GE(ThreadCount() - baseline, zub::av::DecoderFrameThreads(1280, 720));
+        Collector sink;
+        reader.SetFrameSink(&sink);
+        ASSERT_TRUE(reader.Run(&error)) << error;
+        ASSERT_TRUE(WaitFinished(reader));
+        reader.Close();
+        std::lock_guard<std::mutex> lock(sink.mutex_);
+        EXPECT_EQ(sink.numbers_.size(), 20u);
     }
     EXPECT_TRUE(ThreadsBackTo(baseline)) << ThreadCount() << " threads, " << baseline << " before";
 }
